@@ -1,0 +1,2 @@
+// DataReaderListener lives with the other listener bases.
+#include "DDSListener.h"

@@ -1,0 +1,2 @@
+// DataWriterListener lives with the other listener bases.
+#include "DDSListener.h"

@@ -1,0 +1,2 @@
+// DomainParticipantListener lives with the other listener bases.
+#include "DDSListener.h"

@@ -1,0 +1,2 @@
+// PublisherListener lives with the other listener bases.
+#include "DDSListener.h"

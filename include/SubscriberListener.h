@@ -1,0 +1,2 @@
+// SubscriberListener lives with the other listener bases.
+#include "DDSListener.h"

@@ -1,0 +1,2 @@
+// TopicListener lives with the other listener bases.
+#include "DDSListener.h"

@@ -1,0 +1,182 @@
+// The protocol-level participant: owns the wire machinery (receive buffer, transmitter,
+// processor, both schedulers, three threads) and every endpoint. Background threads reach an
+// endpoint only by takeEndpoint/returnEndpoint; m_EndpointMapMutex guards the endpoint map.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <string>
+
+#include "BasicTypes.h"
+#include "QosPolicy.h"
+#include "rtps/RTPSEntity.h"
+
+class DomainParticipantImpl;
+class Discovery;
+class Endpoint;
+class ImmeditRequestScheduler;
+class MessageProcessor;
+class MessageTransmitter;
+class Mutex;
+class PeriodRequestScheduler;
+class ReceiveBuffer;
+class RequestScheduler;
+class StatefulReader;
+class Thread;
+class Writer;
+
+class Participant : public RTPSEntity
+{
+public:
+    static constexpr uint32_t RECEIVE_BUFFER_SIZE = 52428800;   // 50 MiB
+    static constexpr uint32_t BUILTIN_ENDPOINTS = 63;
+    static constexpr uint32_t UNKNOWN_ADDRESS = 0xFFFFFFFF;      // also what a bad address parses to
+    static constexpr const char* DEFAULT_MULTICAST_ADDRESS = "239.255.0.1";
+    static constexpr int STOP_POLL_MS = 10;
+    static constexpr int STOP_POLL_LIMIT = 3000;                 // 10 ms each: about 30 s
+
+    // Makes the transmitter over the participant's receive buffer; the participant owns the
+    // result. Null selects MessageTransmitterUDP. Lets tests and tools run without sockets.
+    typedef MessageTransmitter* (*TransmitterFactory)(ReceiveBuffer* pReceiveBuffer, int iLogKey);
+
+    // Log key: the domain id (as for a first participant's log id, less the count);
+    // no participant QoS until setParticipantQos.
+    Participant(GUID_t guidValue, DomainParticipantImpl* pOwner);
+    // pQos is the owner's QoS record that initLoaclNet completes (not owned; may be null).
+    Participant(GUID_t guidValue, DomainParticipantImpl* pOwner, int iLogKey,
+                DomainParticipantQos* pQos, TransmitterFactory pCreateTransmitter = nullptr);
+    // Stops threads still running, then deletes endpoints, buffer, processor, transmitter,
+    // schedulers and the mutex in that order.
+    ~Participant() override;
+
+    Participant(const Participant&) = delete;
+    Participant& operator=(const Participant&) = delete;
+
+    // ------------------------------------------------ wiring by the owner
+    void setParticipantQos(DomainParticipantQos* pQos) { m_pParticipantQos = pQos; }
+    DomainParticipantQos* getParticipantQos() const { return m_pParticipantQos; }
+    // Forwarded to buffer, transmitter and schedulers. The processor keeps the key given
+    // at construction: prefer the constructor that takes the key.
+    void setLogKey(int iLogKey);
+    int getLogKey() const { return m_iLogKey; }
+    // Where lookupMatchedReader asks for the reader matched with a remote writer (not owned).
+    void setDiscovery(Discovery* pDiscovery) { m_pDiscovery = pDiscovery; }
+    Discovery* getDiscovery() const { return m_pDiscovery; }
+
+    // ------------------------------------------------ start and stop (owner's thread)
+    // initLoaclNet's result, logged when non-zero.
+    int initParticipant();
+    // Locators, sockets and the GUID's address; 1 when no adapter exists, else 0.
+    int initLoaclNet();
+    // Starts "<domain>_SEND", "<domain>_RECV" and "<domain>_DIST". 0, or 1 when a thread
+    // could not be started (that one stays null).
+    int startThreads();
+    // Each clears its loop's run flag, waits for the loop's stopped flag and deletes the
+    // thread object. 0, or 1 when the loop did not end in time (logged).
+    int stopRecvThread();
+    int stopDistThread();
+    int stopSendThread();
+
+    // ------------------------------------------------ endpoints (application threads)
+    // ENTITYID_UNKNOWN allots a fresh id; any other id is used as given.
+    StatefulReader* createReader(DataReaderQos attributes, EntityId_t entityId);
+    // reliability.kind 2 gives a StatefulWriter, 1 a StatelessWriter, others null.
+    Writer* createWriter(DataWriterQos attributes, EntityId_t entityId);
+    // Wait until nobody has the endpoint borrowed, then erase and delete it. Return 0.
+    int deleteReader(Endpoint* pEndpoint);
+    int deleteWriter(Endpoint* pEndpoint);
+
+    // ------------------------------------------------ registry (any thread)
+    // A borrowed endpoint counts as existing.
+    bool isEndpointExist(EntityId_t entityId);
+    // Borrows the endpoint, spinning while another thread holds it; null when the id is
+    // unknown. Never borrow twice on one thread.
+    Endpoint* takeEndpoint(EntityId_t entityId);
+    // 0, or 1 when the id has gone from the map (the endpoint then stays undeleted).
+    int returnEndpoint(Endpoint* pEndpoint);
+    // The local reader that Discovery matched with the remote writer, borrowed: the caller
+    // returns it. Null when there is none.
+    StatefulReader* lookupMatchedReader(GUID_t remoteWriter);
+
+    // Walks over the application endpoints (built-in and borrowed ones are skipped), under
+    // m_EndpointMapMutex. Each returns 0.
+    int checkWriterLiveliness(Time_t now);
+    int checkReaderLiveliness(Time_t now);
+    int assertWriterLiveliness(uint32_t uiLivelinessKind);
+    int assertReaderLiveliness(GUID_t remote, Time_t now, uint32_t uiLivelinessKind);
+
+    // ------------------------------------------------ accessors
+    DomainParticipantImpl* getDomainParticipant() const { return m_DomainParticipant; }
+    uint32_t getBuiltinEndpoints() const { return availableBuiltinEndpoints; }
+    const std::list<Locator_t>& getDefaultUnicastLocatorList() const { return defaultUnicastLocatorList; }
+    const std::list<Locator_t>& getDefaultMulticastLocatorList() const { return defaultMulticastLocatorList; }
+    const octet* getProtocolVersion() const { return protocolVersion; }
+    const octet* getVendorId() const { return vendorId; }
+    const GUID_t& getGuid() const { return guid; }
+    const GuidPrefix& getGuidPrefix() const { return guid.guidPrefix; }
+    // Octets 4-7 and 8-11 of the prefix, in host order.
+    int getDomainId() const;
+    uint32_t getParticipantId() const;
+    // The three ports of this participant.
+    uint32_t getDiscoveryMulticastPort() const;
+    uint32_t getDiscoveryUnicastPort() const;
+    uint32_t getUserUnicastPort() const;
+
+    ReceiveBuffer* getReceiveBuffer() const { return m_ReceiveBuffer; }
+    MessageProcessor* getMessageProcessor() const { return m_MessageProcessor; }
+    MessageTransmitter* getMessageTransmitter() const { return m_MessageTransmitter; }
+    ImmeditRequestScheduler* getImmeditRequestScheduler() const { return m_ImmeditRequestScheduler; }
+    PeriodRequestScheduler* getPeriodRequestScheduler() const { return m_PeriodRequestScheduler; }
+    // The last keys handed out (the counters as they stand).
+    uint32_t getWriterEntityKey() const { return m_WriterEntityKey; }
+    uint32_t getReaderEntityKey() const { return m_ReaderEntityKey; }
+
+    // inet_addr: dotted text (parts in decimal, octal or hex, 1 to 4 of them) to an address
+    // in host order, UNKNOWN_ADDRESS when it does not parse.
+    static uint32_t ParseAddress(const std::string& strAddress);
+    // First octet of a parsed address at 0xE0 or above: multicast (or reserved, or a
+    // failed parse). Zero is never counted.
+    static bool IsMulticastAddress(uint32_t uiAddress);
+
+private:
+    EntityId_t allotWriterId();
+    EntityId_t allotReaderId();
+    // Element 0 immediate, element 1 periodic, as every endpoint takes them.
+    void fillSchedulers(RequestScheduler* apSchedulers[2]) const;
+    // Spin until the id's value is non-null (nobody holds it); false if the id is gone.
+    bool waitUntilReturned(const EntityId_t& entityId, bool bSleep);
+    void eraseAndDelete(Endpoint* pEndpoint);
+    bool isBuiltinWriterId(const EntityId_t& entityId) const;
+    bool isBuiltinReaderId(const EntityId_t& entityId) const;
+    // Polls isStopped every 10 ms (bounded), then deletes the thread object.
+    int waitStopped(const char* szOperation, const std::function<bool()>& isStopped,
+                    Thread*& pThread);
+    void addUnicastLocator(uint32_t uiHostAddress);
+    void LogText(const char* szFormat, ...) const __attribute__((format(printf, 2, 3)));
+
+    octet protocolVersion[2];
+    octet vendorId[2];
+    uint32_t availableBuiltinEndpoints;
+    std::list<Locator_t> defaultUnicastLocatorList;
+    std::list<Locator_t> defaultMulticastLocatorList;
+    DomainParticipantImpl* m_DomainParticipant;           // not owned
+    uint32_t m_WriterEntityKey;                           // changed outside the mutex
+    uint32_t m_ReaderEntityKey;
+    std::map<EntityId_t, Endpoint*> m_EndpointMap;        // owned; null while borrowed
+    Mutex* m_EndpointMapMutex;
+    ImmeditRequestScheduler* m_ImmeditRequestScheduler;   // owned
+    PeriodRequestScheduler* m_PeriodRequestScheduler;     // owned
+    ReceiveBuffer* m_ReceiveBuffer;                       // owned
+    MessageProcessor* m_MessageProcessor;                 // owned
+    MessageTransmitter* m_MessageTransmitter;             // owned; UDP unless a factory was given
+    Thread* m_SendThread;                                 // owned; null until started
+    Thread* m_RecvThread;
+    Thread* m_DistThread;
+
+    int m_iLogKey;
+    DomainParticipantQos* m_pParticipantQos;              // the owner's; not owned
+    Discovery* m_pDiscovery;                              // not owned
+    bool m_bThreadStuck;                                  // a stop timed out: keep the machinery
+};
