@@ -4,10 +4,19 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "DDSLogManagementFactory.h"
 #include "core/Mutex.h"
 #include "core/SystemClock.h"
+#include "Publisher.h"
+#include "Topic.h"
+#include "dcps/DataReaderImpl.h"
+#include "dcps/PublisherImpl.h"
+#include "dcps/SubscriberImpl.h"
+#include "dcps/TopicImpl.h"
+#include "discovery/Discovery.h"
+#include "rtps/Participant.h"
 
 namespace {
 
@@ -99,21 +108,28 @@ void DomainParticipantImpl::BuildGuid() {
 }
 
 void DomainParticipantImpl::BuildRtpsParticipant() {
-    // Seam: m_pParticipant = new Participant(m_ParticipantGuid, this), then its network
-    // initialisation; the code it returns is not acted on.
+    // The participant works on our QoS record (initLoaclNet completes it in place).
+    m_pParticipant = new (std::nothrow) Participant(m_ParticipantGuid, this, m_iLogId, &m_Qos);
+    if (m_pParticipant == nullptr) return;
+    (void)m_pParticipant->initParticipant();  // logged inside; construction carries on
+    // The network set-up wrote the local address into the prefix.
+    m_ParticipantGuid = m_pParticipant->getGuid();
 }
 
 void DomainParticipantImpl::CreateBuiltinEntities() {
-    // Seam: built-in PublisherImpl and SubscriberImpl from default QoS, null listener,
-    // zero mask, kept out of the lists.
+    // Plain objects from default QoS with no listener, kept out of the lists.
+    m_pBuiltinPublisherImpl = new (std::nothrow) PublisherImpl(this, PublisherQos(), nullptr);
+    m_pBuiltinSubscriberImpl = new (std::nothrow) SubscriberImpl(this, SubscriberQos(), nullptr, 0);
 }
 
 void DomainParticipantImpl::StartDiscovery() {
-    // Seam: m_pDiscovery = new Discovery(this), then its initiation; the result is ignored.
+    m_pDiscovery = new (std::nothrow) Discovery(this);
+    if (m_pParticipant != nullptr) m_pParticipant->setDiscovery(m_pDiscovery);
+    // Seam: the discovery initiation (built-in topics, endpoints, timers) joins here.
 }
 
 void DomainParticipantImpl::StartThreads() {
-    // Seam: the RTPS participant starts "<domain>_SEND", "<domain>_RECV" and "<domain>_DIST".
+    if (m_pParticipant != nullptr) m_pParticipant->startThreads();
 }
 
 void DomainParticipantImpl::AnnounceThreeTimes() {
@@ -152,11 +168,11 @@ void DomainParticipantImpl::DeleteStaticParticipant() {
 }
 
 void DomainParticipantImpl::StopReceiving() {
-    // Seam: stop the transmitter, poll every 10 ms until stopped, delete "_RECV".
+    if (m_pParticipant != nullptr) m_pParticipant->stopRecvThread();
 }
 
 void DomainParticipantImpl::StopProcessing() {
-    // Seam: stop the message processor, poll every 10 ms until stopped, delete "_DIST".
+    if (m_pParticipant != nullptr) m_pParticipant->stopDistThread();
 }
 
 void DomainParticipantImpl::SendGoodbye() {
@@ -164,15 +180,20 @@ void DomainParticipantImpl::SendGoodbye() {
 }
 
 void DomainParticipantImpl::StopSending() {
-    // Seam: stop the immediate request scheduler, poll every 10 ms, delete "_SEND".
+    if (m_pParticipant != nullptr) m_pParticipant->stopSendThread();
 }
 
 void DomainParticipantImpl::DeleteDiscovery() {
-    // Seam: delete m_pDiscovery.
+    if (m_pParticipant != nullptr) m_pParticipant->setDiscovery(nullptr);
+    delete m_pDiscovery;
+    m_pDiscovery = nullptr;
 }
 
 void DomainParticipantImpl::DeleteBuiltinEntities() {
-    // Seam: delete m_pBuiltinPublisherImpl and m_pBuiltinSubscriberImpl.
+    delete m_pBuiltinPublisherImpl;  // with the discovery writers
+    m_pBuiltinPublisherImpl = nullptr;
+    delete m_pBuiltinSubscriberImpl;  // with the discovery readers
+    m_pBuiltinSubscriberImpl = nullptr;
 }
 
 void DomainParticipantImpl::DeleteBuiltinTopics() {
@@ -188,7 +209,8 @@ void DomainParticipantImpl::DeleteBuiltinTopics() {
 }
 
 void DomainParticipantImpl::DeleteRtpsParticipant() {
-    // Seam: delete m_pParticipant.
+    delete m_pParticipant;
+    m_pParticipant = nullptr;
 }
 
 ReturnCode_t DomainParticipantImpl::delete_contained_entities() {
@@ -215,20 +237,17 @@ ReturnCode_t DomainParticipantImpl::delete_contained_entities() {
 }
 
 void DomainParticipantImpl::DestroyPublisher(PublisherImpl* pPublisher) {
-    (void)pPublisher;  // Seam: delete pPublisher (it deletes its writers first).
+    delete pPublisher;  // it deletes its writers first
 }
 
 void DomainParticipantImpl::DestroySubscriber(SubscriberImpl* pSubscriber) {
-    (void)pSubscriber;  // Seam: delete pSubscriber (it deletes its readers first).
+    delete pSubscriber;  // it deletes its readers first
 }
 
-void DomainParticipantImpl::DestroyTopic(TopicImpl* pTopic) {
-    (void)pTopic;  // Seam: delete pTopic.
-}
+void DomainParticipantImpl::DestroyTopic(TopicImpl* pTopic) { delete pTopic; }
 
 std::string DomainParticipantImpl::TopicNameOf(const TopicImpl* pTopic) {
-    (void)pTopic;  // Seam: pTopic->get_name().
-    return std::string();
+    return pTopic->get_name();
 }
 
 bool DomainParticipantImpl::IsBuiltinTopicName(const std::string& name) {
@@ -242,20 +261,55 @@ bool DomainParticipantImpl::IsBuiltinTopicName(const std::string& name) {
 
 Publisher* DomainParticipantImpl::create_publisher(const PublisherQos& qos, PublisherListener* listener,
                                                    unsigned long mask) {
-    (void)qos; (void)listener; (void)mask;
-    return nullptr;  // Seam: PublisherImpl arrives with the publishing side.
+    (void)mask;  // dropped: a publisher keeps no mask
+    PublisherImpl* pPublisher = new (std::nothrow) PublisherImpl(this, qos, listener);
+    if (pPublisher == nullptr) {
+        char text[200];
+        std::snprintf(text, sizeof(text), "[Discovery::create_publisher] pPublisherImpl == NULL");
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        return nullptr;
+    }
+    m_PublisherImplList.push_back(pPublisher);
+    return pPublisher->getFacade();
 }
 
 Subscriber* DomainParticipantImpl::create_subscriber(const SubscriberQos& qos, SubscriberListener* listener,
                                                      unsigned long mask) {
-    (void)qos; (void)listener; (void)mask;
-    return nullptr;  // Seam: SubscriberImpl arrives with the subscribing side.
+    // No QoS value is checked.
+    SubscriberImpl* pSubscriber = new (std::nothrow) SubscriberImpl(this, qos, listener, mask);
+    if (pSubscriber == nullptr) {
+        char text[200];
+        std::snprintf(text, sizeof(text), "[DomainParticipant::create_subscriber] pSubscriberImpl == NULL");
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        return nullptr;
+    }
+    m_SubscriberImplList.push_back(pSubscriber);
+    return pSubscriber->getFacade();
 }
 
 Topic* DomainParticipantImpl::create_topic(const std::string& topic_name, const std::string& type_name,
                                            const TopicQos& qos, TopicListener* listener, unsigned long mask) {
-    (void)topic_name; (void)type_name; (void)qos; (void)listener; (void)mask;
-    return nullptr;  // Seam: TopicImpl; the facade already logs the null case.
+    (void)mask;  // a topic keeps no mask; the facade logs every null result
+    char text[200];
+    if (!isTypeRegistered(type_name)) {
+        std::snprintf(text, sizeof(text), "[DomainParticipantImpl::create_topic] %s is not registereTypeSet",
+                      type_name.c_str());
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        return nullptr;
+    }
+    for (TopicImpl* pTopic : m_TopicImplList) {
+        if (pTopic->get_name() != topic_name) continue;
+        if (pTopic->get_type_name() == type_name) return pTopic->getTopic();  // same object, arguments dropped
+        std::snprintf(text, sizeof(text),
+                      "[DomainParticipantImpl::create_topic] typeName is different topicName = %s typeName = %s",
+                      topic_name.c_str(), type_name.c_str());
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        return nullptr;
+    }
+    TopicImpl* pTopic = new (std::nothrow) TopicImpl(topic_name, type_name, this, qos, listener);
+    if (pTopic == nullptr) return nullptr;
+    m_TopicImplList.push_back(pTopic);
+    return pTopic->getTopic();
 }
 
 ContentFilteredTopic* DomainParticipantImpl::create_contentfilteredtopic(const std::string& name, Topic* related_topic,
@@ -266,18 +320,72 @@ ContentFilteredTopic* DomainParticipantImpl::create_contentfilteredtopic(const s
 }
 
 ReturnCode_t DomainParticipantImpl::delete_publisher(Publisher* pPublisher) {
-    (void)pPublisher;
-    return RETCODE_OK;  // Seam: find by pointer in m_PublisherImplList, else 33.
+    // Compared by facade, so that a foreign or stale pointer is never followed.
+    for (auto it = m_PublisherImplList.begin(); it != m_PublisherImplList.end(); ++it) {
+        if ((*it)->getFacade() != pPublisher || pPublisher == nullptr) continue;
+        PublisherImpl* pPublisherImpl = *it;
+        m_PublisherImplList.erase(it);
+        DestroyPublisher(pPublisherImpl);  // its writers go too; nothing refuses them
+        return RETCODE_OK;
+    }
+    char text[200];
+    std::snprintf(text, sizeof(text), "[DomainParticipantImpl::delete_publisher] pPublisher not exist");
+    DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+    return RETCODE_ENTITY_NOT_FOUND;
 }
 
 ReturnCode_t DomainParticipantImpl::delete_subscriber(Subscriber* pSubscriber) {
-    (void)pSubscriber;
-    return RETCODE_OK;  // Seam: find by pointer in m_SubscriberImplList, else 33.
+    // Compared by facade, so that a foreign or stale pointer is never followed.
+    for (auto it = m_SubscriberImplList.begin(); it != m_SubscriberImplList.end(); ++it) {
+        if ((*it)->getFacade() != pSubscriber || pSubscriber == nullptr) continue;
+        SubscriberImpl* pSubscriberImpl = *it;
+        m_SubscriberImplList.erase(it);
+        DestroySubscriber(pSubscriberImpl);  // its readers go too; nothing refuses them
+        return RETCODE_OK;
+    }
+    char text[200];
+    std::snprintf(text, sizeof(text), "[DomainParticipantImpl::delete_subscriber] pSubscriber not exist");
+    DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+    return RETCODE_ENTITY_NOT_FOUND;
 }
 
 ReturnCode_t DomainParticipantImpl::delete_topic(Topic* pTopic) {
-    (void)pTopic;
-    return RETCODE_OK;  // Seam: the checks against writers and readers, then erase.
+    char text[200];
+    TopicImpl* pTopicImpl = pTopic != nullptr ? pTopic->getTopicImpl() : nullptr;
+    if (pTopicImpl == nullptr) {
+        std::snprintf(text, sizeof(text), "[DomainParticipantImpl::delete_topic] pTopicImpl = NULL");
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        return RETCODE_ENTITY_NOT_FOUND;
+    }
+    // Writers and readers are matched by topic name, not by object.
+    const std::string strName = pTopicImpl->get_name();
+    for (PublisherImpl* pPublisher : m_PublisherImplList) {
+        if (pPublisher->lookup_datawriter(strName).empty()) continue;
+        std::snprintf(text, sizeof(text), "[DomainParticipantImpl::delete_topic] pDataWriterImpl = NULL");
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        return RETCODE_ENTITY_NOT_FOUND;
+    }
+    if (HasReaderOnTopic(strName)) {
+        std::snprintf(text, sizeof(text), "[DomainParticipantImpl::delete_topic]  pDataReaderImpl = NULL");
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        return RETCODE_ENTITY_NOT_FOUND;
+    }
+    for (auto it = m_TopicImplList.begin(); it != m_TopicImplList.end(); ++it) {
+        if (*it != pTopicImpl) continue;
+        m_TopicImplList.erase(it);
+        DestroyTopic(pTopicImpl);
+        return RETCODE_OK;
+    }
+    std::snprintf(text, sizeof(text), "[DomainParticipantImpl::delete_topic] itTopicImpl = NULL");
+    DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+    return RETCODE_ENTITY_NOT_FOUND;
+}
+
+bool DomainParticipantImpl::HasReaderOnTopic(const std::string& name) {
+    for (SubscriberImpl* pSubscriber : m_SubscriberImplList)
+        for (DataReaderImpl* pReader : pSubscriber->getDataReaderImplList())
+            if (pReader->getTopicName() == name) return true;
+    return false;
 }
 
 ReturnCode_t DomainParticipantImpl::delete_contentfilteredtopic(ContentFilteredTopic* pTopic) {
@@ -286,16 +394,18 @@ ReturnCode_t DomainParticipantImpl::delete_contentfilteredtopic(ContentFilteredT
 }
 
 TopicDescription* DomainParticipantImpl::lookup_topicdescription(const std::string& name) {
-    (void)name;
-    return nullptr;  // Seam: search m_TopicImplList by name; the facade logs the null case.
+    // Content-filtered topics are not searched; the facade logs the null case.
+    for (TopicImpl* pTopic : m_TopicImplList)
+        if (pTopic->get_name() == name) return pTopic->getFacade();
+    return nullptr;
 }
 
 Publisher* DomainParticipantImpl::get_builtin_publisher() {
-    return nullptr;  // Seam: the facade of m_pBuiltinPublisherImpl.
+    return m_pBuiltinPublisherImpl != nullptr ? m_pBuiltinPublisherImpl->getFacade() : nullptr;
 }
 
 Subscriber* DomainParticipantImpl::get_builtin_subscriber() {
-    return nullptr;  // Seam: the facade of m_pBuiltinSubscriberImpl.
+    return m_pBuiltinSubscriberImpl != nullptr ? m_pBuiltinSubscriberImpl->getFacade() : nullptr;
 }
 
 // ---------------------------------------------------------------- types
@@ -344,7 +454,6 @@ ReturnCode_t DomainParticipantImpl::set_monitor_listener(DomainParticipantListen
 
 bool DomainParticipantImpl::contains_entity(const InstanceHandle_t& handle) const {
     // Only the prefix counts: any handle of this participant does, no entity is looked up.
-    // Seam: compare with the RTPS participant's GUID once it rewrites the address octets.
     return std::memcmp(handle.value, m_ParticipantGuid.guidPrefix.value, 12) == 0;
 }
 

@@ -130,6 +130,8 @@ private:
     void DestroySubscriber(SubscriberImpl* pSubscriber);
     void DestroyTopic(TopicImpl* pTopic);
     static std::string TopicNameOf(const TopicImpl* pTopic);
+    // True when a subscriber of the list holds a reader on a topic of this name.
+    bool HasReaderOnTopic(const std::string& name);
 
     DomainParticipant* m_pDomainParticipant;                         // owned facade
     int m_iDomainId;

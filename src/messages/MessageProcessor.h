@@ -102,32 +102,58 @@ public:
     // ------------------------------------------------ process thread control
     bool IsRunning() const { return m_bRun.load() != 0; }
     void Stop() { m_bRun.store(0); }
+    // Stop() and a wake of the ring's wait, so a stop takes milliseconds, not a
+    // second. The owner then polls IsStopped as before.
+    void RequestStop();
     bool IsStopped() const { return m_bStopped.load() != 0; }
 
     // ------------------------------------------------ decoder (process thread)
+    // The decoder reads datagrams in a zeroed buffer of this size; the zeros behind
+    // a datagram end the submessage walk.
+    static constexpr uint32_t MESSAGE_BUFFER_SIZE = 65536;
+    // Walk result when the last submessage had no handler (the zeros behind the
+    // datagram read as one of kind 0).
+    static constexpr int INTERPRET_NO_HANDLER = 29;
+    // Handler and walk result when a submessage runs past the buffer or its own
+    // length: nothing is delivered and the walk stops.
+    static constexpr int INTERPRET_CUT = 2;
+
     // Thread entry; the argument is the processor. Returns 0.
     static unsigned int ProcessRun(void* pParam);
-    // pBuffer holds 65536 bytes. 0, or 1 when nothing could be read.
+    // pBuffer holds MESSAGE_BUFFER_SIZE bytes. 0, or 1 when nothing could be read.
     int InterpretMessage(octet* pBuffer);
+    // Runs the same walk on a datagram given by the caller instead of the receive
+    // ring (tests, fuzzing): copies it into a zeroed buffer of MESSAGE_BUFFER_SIZE
+    // (a longer one is cut there, as the ring cuts it) and returns the walk's result.
+    int InterpretDatagram(const octet* pData, uint32_t uiLength);
+
+    // pMessage must have 20 bytes. Returns 0.
     int InterpretMessageHeader(octet*& pMessage, MessageReceiver& receiver);
-    int InterpretSubMessage(octet*& pMessage, MessageReceiver& receiver);
+    // pBufferEnd is one past the decode buffer; nothing at or behind it is read.
+    // Result of the last handler, INTERPRET_NO_HANDLER or INTERPRET_CUT.
+    int InterpretSubMessage(octet*& pMessage, MessageReceiver& receiver, const octet* pBufferEnd);
+    // Handlers: header is the walk's copy (length already in host order) and
+    // pSubMessage + 4 + header.octetsToNextHeader must not pass pBufferEnd.
+    // 0, 1 when no endpoint was found, INTERPRET_CUT when the submessage is cut.
     int InterpretAckNackMessage(octet* pSubMessage, const subMessageHeader& header,
-                                MessageReceiver& receiver);
+                                MessageReceiver& receiver, const octet* pBufferEnd);
     int InterpretHeartbeatMessage(octet* pSubMessage, const subMessageHeader& header,
-                                  MessageReceiver& receiver);
+                                  MessageReceiver& receiver, const octet* pBufferEnd);
     int InterpretGapMessage(octet* pSubMessage, const subMessageHeader& header,
-                            MessageReceiver& receiver);
+                            MessageReceiver& receiver, const octet* pBufferEnd);
     int InterpretInfoTSMessage(octet* pSubMessage, const subMessageHeader& header,
-                               MessageReceiver& receiver);
+                               MessageReceiver& receiver, const octet* pBufferEnd);
     int InterpretInfoDstMessage(octet* pSubMessage, const subMessageHeader& header,
-                                MessageReceiver& receiver);
+                                MessageReceiver& receiver, const octet* pBufferEnd);
     int InterpretNackFragMessage(octet* pSubMessage, const subMessageHeader& header,
-                                 MessageReceiver& receiver);
+                                 MessageReceiver& receiver, const octet* pBufferEnd);
     int InterpretDataMessage(octet* pSubMessage, const subMessageHeader& header,
-                             MessageReceiver& receiver);
+                             MessageReceiver& receiver, const octet* pBufferEnd);
     int InterpretDataFragMessage(octet* pSubMessage, const subMessageHeader& header,
-                                 MessageReceiver& receiver);
-    int InterpretInlineQoS(octet*& pMessage, std::list<Parameter>& inlineQos);
+                                 MessageReceiver& receiver, const octet* pBufferEnd);
+    // Reads parameters up to and including the sentinel; pEnd bounds the reads.
+    // 0, or INTERPRET_CUT when the list runs past pEnd (pMessage then stays <= pEnd).
+    int InterpretInlineQoS(octet*& pMessage, const octet* pEnd, std::list<Parameter>& inlineQos);
 
 private:
     // 0 on success; 1 when the larger array could not be had (the buffer is then null).
@@ -138,6 +164,9 @@ private:
     int AppendInlineQos(uint32_t& uiPos, const std::list<Parameter>& inlineQos);
     bool TraceOn() const;
     void LogText(const char* pText, int iCode);
+    // Steps 3 to 5 of InterpretMessage, shared by the ring and InterpretDatagram.
+    // pBuffer holds MESSAGE_BUFFER_SIZE bytes. Returns the walk's result.
+    int InterpretBuffer(octet* pBuffer, uint32_t uiMessageLen);
 
     std::atomic<uint8_t> m_bRun;
     std::atomic<uint8_t> m_bStopped;

@@ -21,6 +21,13 @@ void MessageTransmitter::Log(const char* szText, int iCode) const
     DDSLogManagementFactory::WriteDDSLog(m_iLogKey, szLog, strlen(szLog), iCode, GUID_UNKNOWN);
 }
 
+void MessageTransmitter::RequestStop()
+{
+    m_RunFlag.store(0);
+    // Wakes the loop so a stop takes milliseconds, not a second.
+    WakeReceive();
+}
+
 unsigned int MessageTransmitter::TransmitRun(void* pArgument)
 {
     MessageTransmitter* pTransmitter = static_cast<MessageTransmitter*>(pArgument);

@@ -42,6 +42,9 @@ public:
 
     // Stop protocol: the owner clears the run flag, then polls the stopped flag.
     void SetRunFlag(bool bRun) { m_RunFlag.store(bRun ? 1 : 0); }
+    // Clears the run flag and wakes the loop's wait (WakeReceive), so a stop
+    // takes milliseconds, not a second.
+    void RequestStop();
     uint8_t GetRunFlag() const { return m_RunFlag.load(); }
     uint8_t GetStoppedFlag() const { return m_StoppedFlag.load(); }
 
@@ -54,6 +57,10 @@ public:
 
 protected:
     void Log(const char* szText, int iCode) const;
+    // Ends a wait of ReceiveMessage now, or the next one, early. Any thread. Kept
+    // behind the slots above; a transport without a wake of its own keeps this
+    // no-op and its loop still notices the flag at its next pass.
+    virtual void WakeReceive() {}
 
     std::atomic<uint8_t> m_RunFlag;
     std::atomic<uint8_t> m_StoppedFlag;

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -59,7 +60,8 @@ MessageTransmitterUDP::MessageTransmitterUDP(ReceiveBuffer* pReceiveBuffer, int 
     : MessageTransmitter(pReceiveBuffer),
       m_pRecvBuffer(new octet[RECV_BUFFER_SIZE]),
       m_iHighestSocket(0),
-      m_iReadSetCount(0)
+      m_iReadSetCount(0),
+      m_iWakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
 {
     // The socket library needs no start-up here.
     SetLogKey(iLogKey);
@@ -79,7 +81,20 @@ MessageTransmitterUDP::~MessageTransmitterUDP()
         close(entry.second);
     m_ReceiveSocket.clear();
     m_SocketMapLock.Unlock();
+    if (m_iWakeFd >= 0)
+        close(m_iWakeFd);
     delete[] m_pRecvBuffer;
+}
+
+void MessageTransmitterUDP::WakeReceive()
+{
+    if (m_iWakeFd < 0)
+        return;
+    // Wakes the loop so a stop takes milliseconds, not a second. A counter
+    // already at its limit refuses the add, and is readable all the same.
+    uint64_t ullOne = 1;
+    ssize_t iWritten = write(m_iWakeFd, &ullOne, sizeof(ullOne));
+    (void)iWritten;
 }
 
 void MessageTransmitterUDP::LogText(const char* szFormat, ...) const
@@ -351,16 +366,34 @@ int MessageTransmitterUDP::ReceiveMessage()
         return RESULT_NO_RECEIVE_SOCKET;
     }
 
-    pollfd aPoll[MAX_WATCHED_SOCKETS];
+    // One slot more than the cap: the wake descriptor rides behind the sockets.
+    pollfd aPoll[MAX_WATCHED_SOCKETS + 1];
     for (int i = 0; i < m_iReadSetCount; ++i)
     {
         aPoll[i].fd = m_aReadSet[i];
         aPoll[i].events = POLLIN;
         aPoll[i].revents = 0;
     }
-    int iReady = poll(aPoll, static_cast<nfds_t>(m_iReadSetCount), SELECT_TIMEOUT_MS);
+    nfds_t uiPollCount = static_cast<nfds_t>(m_iReadSetCount);
+    if (m_iWakeFd >= 0)
+    {
+        aPoll[uiPollCount].fd = m_iWakeFd;
+        aPoll[uiPollCount].events = POLLIN;
+        aPoll[uiPollCount].revents = 0;
+        ++uiPollCount;
+    }
+    int iReady = poll(aPoll, uiPollCount, SELECT_TIMEOUT_MS);
     if (iReady < 0)
         return RESULT_SELECT_FAILED;
+    if (m_iWakeFd >= 0 && aPoll[m_iReadSetCount].revents != 0)
+    {
+        // A wake (the loop is being stopped) ends the wait like a time-out, unless
+        // a socket is ready too. Drained, so that a later wait waits again.
+        uint64_t ullCount = 0;
+        ssize_t iRead = read(m_iWakeFd, &ullCount, sizeof(ullCount));
+        (void)iRead;
+        --iReady;
+    }
     if (iReady == 0)
         return RESULT_SELECT_TIMEOUT;
 

@@ -50,6 +50,11 @@ public:
     int GetReceiveSocket(uint16_t usPort);
     int GetHighestSocket() const { return m_iHighestSocket; }
 
+protected:
+    // Signals m_iWakeFd: the wait of ReceiveMessage ends at once, so a stop takes
+    // milliseconds, not a second.
+    void WakeReceive() override;
+
 private:
     int addRecvSocket(const Locator_t& locator);
     int addMemberShip(const Locator_t& locator);
@@ -63,4 +68,7 @@ private:
     int m_aReadSet[MAX_WATCHED_SOCKETS];        // rebuilt on every pass
     int m_iReadSetCount;
     Mutex m_SocketMapLock;                      // leaf: guards the two maps only
+    // Watched beside the receive sockets, outside their cap of 64, only to end the
+    // wait early; -1 when the system gave none (the wait then runs its full second).
+    int m_iWakeFd;
 };

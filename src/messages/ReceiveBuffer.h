@@ -38,6 +38,13 @@ public:
     int Read(octet* pDestination, uint32_t& uiLength,
              uint32_t uiDestinationSize = READ_DESTINATION_SIZE);
 
+    // Releases a Read that waits on the gate now (or the next one to wait) without
+    // a record: on an empty ring it returns 1 silently, as on a time-out; with a
+    // record it reads that. Wakes the process loop so a stop takes milliseconds,
+    // not a second: meant for the stop, after which that Read is the loop's last.
+    // Any thread.
+    void Wake();
+
     uint32_t GetLength() const { return m_uiLength; }
     // Free bytes, read under the lock.
     uint32_t GetAvailableLength();
@@ -55,5 +62,6 @@ private:
     uint32_t m_uiAvailableLength;
     Mutex m_Lock;
     Semaphore m_DataSemaphore;          // initial 0, maximum 1: a gate, not a count
+    bool m_bWakePending;                // under m_Lock: the gate was opened by Wake
     uint32_t m_uiDomainId;
 };

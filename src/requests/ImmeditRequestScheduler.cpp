@@ -14,7 +14,7 @@ const unsigned int SEND_WAKE_TIMEOUT_MS = 1000;
 
 ImmeditRequestScheduler::ImmeditRequestScheduler(MessageProcessor* pMessageProcessor,
                                                  MessageTransmitter* pMessageTransmitter)
-    : RequestScheduler(pMessageProcessor, pMessageTransmitter)
+    : RequestScheduler(pMessageProcessor, pMessageTransmitter), m_bAddPosted(true)
 {
 }
 
@@ -52,6 +52,7 @@ int ImmeditRequestScheduler::RequestAdd(Request* pRequest)
     }
     if (pRequest != nullptr)
         m_RequestList.insert(it, pRequest);
+    m_bAddPosted = true;
     m_Lock.Unlock();
 
     // At most one token: a post on a full semaphore is refused, harmlessly.
@@ -88,6 +89,14 @@ int ImmeditRequestScheduler::ExcuteRequest()
     std::list<Request*> ExcuteRequestList;
 
     m_Lock.Lock();
+    const bool bAddPosted = m_bAddPosted;
+    m_bAddPosted = false;
+    if (!bAddPosted && m_RunFlag.load() == 0)
+    {
+        // Only RequestStop's wake: behave as the time-out that it cut short.
+        m_Lock.Unlock();
+        return 0;
+    }
     std::list<Request*>::iterator it = m_RequestList.begin();
     while (it != m_RequestList.end())
     {
@@ -105,6 +114,14 @@ int ImmeditRequestScheduler::ExcuteRequest()
         delete pRequest;
     }
     return 0;
+}
+
+void ImmeditRequestScheduler::RequestStop()
+{
+    m_RunFlag.store(0);
+    // Wakes the loop so a stop takes milliseconds, not a second. On a full
+    // semaphore the post is refused: a wake is already on its way.
+    m_WakeSemaphore.Post();
 }
 
 unsigned int ImmeditRequestScheduler::SendRun(void* pArgument)

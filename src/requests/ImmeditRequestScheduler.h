@@ -32,4 +32,15 @@ public:
     // ImmeditRequestScheduler*. Loops until the run flag is cleared, then sets
     // the stopped flag as its last act. Returns 0.
     static unsigned int SendRun(void* pArgument);
+
+    // Clears the run flag and posts the wake semaphore, so a stop takes
+    // milliseconds, not a second. The pass that this post alone wakes walks no
+    // list: requests not yet due stay unexecuted, as with a plain time-out.
+    void RequestStop();
+
+private:
+    // Under m_Lock: a RequestAdd has posted since the last pass took the token.
+    // True at first, for the semaphore's initial token. Tells a stop's bare
+    // wake from one that queued work.
+    bool m_bAddPosted;
 };

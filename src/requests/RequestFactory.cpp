@@ -9,9 +9,26 @@
 // and zero start and next times.
 //
 // HeartbeatMessageRequest:
-// DataMessageRequest:
-// DataMessageRequest_L:
-// DataMessageWithReaderProxy:
 // AcknackMessageRequest: own arguments end with pScheduler itself.
 // NackFragMessageRequest:
 // FragRepairRequest:
+
+DataMessageRequest* RequestFactory::CreateDataMessageRequest(
+    RequestScheduler* pScheduler, const EntityId_t& entityId,
+    const std::list<ReaderProxy*>& readerProxies, CacheChange* pCacheChange)
+{
+    return CreateRequest<DataMessageRequest>(pScheduler, entityId, readerProxies, pCacheChange);
+}
+
+DataMessageRequest_L* RequestFactory::CreateDataMessageRequest_L(RequestScheduler* pScheduler,
+                                                                 const EntityId_t& entityId,
+                                                                 CacheChange* pCacheChange)
+{
+    return CreateRequest<DataMessageRequest_L>(pScheduler, entityId, pCacheChange);
+}
+
+DataMessageWithReaderProxy* RequestFactory::CreateDataMessageWithReaderProxy(
+    RequestScheduler* pScheduler, const EntityId_t& entityId, ReaderProxy* pReaderProxy)
+{
+    return CreateRequest<DataMessageWithReaderProxy>(pScheduler, entityId, pReaderProxy);
+}

@@ -7,6 +7,9 @@
 #include <utility>
 
 #include "BasicTypes.h"
+#include "requests/DataMessageRequest.h"
+#include "requests/DataMessageRequest_L.h"
+#include "requests/DataMessageWithReaderProxy.h"
 #include "requests/RequestScheduler.h"
 
 class RequestFactory
@@ -26,18 +29,24 @@ public:
               pScheduler->GetMessageTransmitter(), Time_t(0, 0), Time_t(0, 0));
     }
 
+    // pCacheChange stays the writer's.
+    static DataMessageRequest* CreateDataMessageRequest(RequestScheduler* pScheduler,
+                                                        const EntityId_t& entityId,
+                                                        const std::list<ReaderProxy*>& readerProxies,
+                                                        CacheChange* pCacheChange);
+    // The request takes over pCacheChange; on a null result the caller keeps it.
+    static DataMessageRequest_L* CreateDataMessageRequest_L(RequestScheduler* pScheduler,
+                                                            const EntityId_t& entityId,
+                                                            CacheChange* pCacheChange);
+    static DataMessageWithReaderProxy* CreateDataMessageWithReaderProxy(
+        RequestScheduler* pScheduler, const EntityId_t& entityId, ReaderProxy* pReaderProxy);
+
     // One creating operation per request class, each a CreateRequest<Class>
     // with the class's own arguments; the classes add them here as they land
     // (declared next to the class's header include, defined in the .cpp):
     //
     // HeartbeatMessageRequest* CreateHeartbeatMessageRequest(RequestScheduler*,
     //     const EntityId_t&, const std::list<ReaderProxy*>&);
-    // DataMessageRequest* CreateDataMessageRequest(RequestScheduler*, const EntityId_t&,
-    //     const std::list<ReaderProxy*>&, CacheChange*);
-    // DataMessageRequest_L* CreateDataMessageRequest_L(RequestScheduler*,
-    //     const EntityId_t&, CacheChange*);
-    // DataMessageWithReaderProxy* CreateDataMessageWithReaderProxy(RequestScheduler*,
-    //     const EntityId_t&, ReaderProxy*);
     // AcknackMessageRequest* CreateAcknackMessageRequest(RequestScheduler*,
     //     const EntityId_t&, const GUID_t& writerGuid, const SequenceNumberSet&);
     //     (passes the named scheduler on as the request's own scheduler)

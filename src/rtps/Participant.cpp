@@ -306,8 +306,13 @@ int Participant::startThreads()
     int iResult = 0;
     for (Start& start : aStarts)
     {
-        if (start.pThread != nullptr || start.pArgument == nullptr)
+        if (start.pThread != nullptr)
+            continue;   // already running
+        if (start.pArgument == nullptr)
+        {
+            iResult = 1;   // its loop object was never made
             continue;
+        }
         // The default stack (1 MiB): the process loop decodes into 64 KiB on its stack.
         Thread* pThread = new (std::nothrow) Thread();
         if (pThread == nullptr ||
@@ -355,7 +360,8 @@ int Participant::stopRecvThread()
     MessageTransmitter* pTransmitter = m_MessageTransmitter;
     if (pTransmitter == nullptr)
         return 0;
-    pTransmitter->SetRunFlag(false);
+    // Clears the run flag and wakes the loop, so a stop takes milliseconds, not a second.
+    pTransmitter->RequestStop();
     return waitStopped("stopRecvThread", [pTransmitter] { return pTransmitter->GetStoppedFlag() == 1; },
                        m_RecvThread);
 }
@@ -365,7 +371,8 @@ int Participant::stopDistThread()
     MessageProcessor* pProcessor = m_MessageProcessor;
     if (pProcessor == nullptr)
         return 0;
-    pProcessor->Stop();
+    // Clears the run flag and wakes the loop, so a stop takes milliseconds, not a second.
+    pProcessor->RequestStop();
     return waitStopped("stopDistThread", [pProcessor] { return pProcessor->IsStopped(); },
                        m_DistThread);
 }
@@ -375,7 +382,8 @@ int Participant::stopSendThread()
     ImmeditRequestScheduler* pScheduler = m_ImmeditRequestScheduler;
     if (pScheduler == nullptr)
         return 0;
-    pScheduler->SetRunFlag(false);
+    // Clears the run flag and wakes the loop, so a stop takes milliseconds, not a second.
+    pScheduler->RequestStop();
     return waitStopped("stopSendThread", [pScheduler] { return pScheduler->GetStoppedFlag() == 1; },
                        m_SendThread);
 }

@@ -73,8 +73,8 @@ public:
     // Starts "<domain>_SEND", "<domain>_RECV" and "<domain>_DIST". 0, or 1 when a thread
     // could not be started (that one stays null).
     int startThreads();
-    // Each clears its loop's run flag, waits for the loop's stopped flag and deletes the
-    // thread object. 0, or 1 when the loop did not end in time (logged).
+    // Each clears its loop's run flag and wakes the loop, waits for the loop's stopped flag
+    // and deletes the thread object. 0, or 1 when the loop did not end in time (logged).
     int stopRecvThread();
     int stopDistThread();
     int stopSendThread();

@@ -13,7 +13,7 @@
 
 class HistoryCache;
 class RequestScheduler;
-class DataReaderImpl;
+class ReaderDataSink;
 
 class Reader : public Endpoint
 {
@@ -44,8 +44,9 @@ public:
     // Last step of Participant::createReader. Returns 0.
     virtual int afterCreate();
 
-    void setDataReader(DataReaderImpl* pDataReader) { m_DataReader = pDataReader; }
-    DataReaderImpl* getDataReader() const { return m_DataReader; }
+    // The layer above (the DataReaderImpl) through its narrow sink interface.
+    void setDataReader(ReaderDataSink* pDataReader) { m_DataReader = pDataReader; }
+    ReaderDataSink* getDataReader() const { return m_DataReader; }
     // Sets the delivery cache and makes a second cache of the same capacity,
     // domain and topic.
     void setReaderCache(HistoryCache* pCache);
@@ -60,7 +61,7 @@ protected:
     Time_t m_Duration;               // answered by getEndpointDuration
     SequenceNumber_t m_ReservedSeq;  // not read
     RequestScheduler* m_Schedulers[2];
-    DataReaderImpl* m_DataReader;    // not owned; the layer above
+    ReaderDataSink* m_DataReader;    // not owned; the layer above
     SequenceNumber_t m_LastSeq;
     DataReaderQos m_Qos;
 };

@@ -45,3 +45,15 @@ int StatefulWriter::removeChange(SequenceNumber_t seqNum)
         m_WriterCache->RemoveChange(seqNum);
     return 0;
 }
+
+int StatefulWriter::AckNackMessageReceive(const MessageReceiver&, const ackMessage&)
+{
+    // Filled in with the reliable writer work; until then an ACKNACK is ignored.
+    return 0;
+}
+
+int StatefulWriter::NackFragMessageReceive(const MessageReceiver&, const NackFragMessage&)
+{
+    // Filled in with the reliable writer work; until then a NACK_FRAG is ignored.
+    return 0;
+}

@@ -9,6 +9,7 @@
 
 #include "BasicTypes.h"
 #include "QosPolicy.h"
+#include "messages/SubMessages.h"
 #include "rtps/Writer.h"
 
 class Mutex;
@@ -25,6 +26,13 @@ public:
     uint32_t getMatchedCount() override;
     ReturnCode_t DataSend(CacheChange* pCacheChange) override;
     int removeChange(SequenceNumber_t seqNum) override;
+
+    // Process thread, writer borrowed. 0 handled or ignored, 1 refused. Filled in
+    // with the reliable writer work; virtual so that the decoder's routing can be
+    // observed.
+    virtual int AckNackMessageReceive(const MessageReceiver& receiver, const ackMessage& message);
+    virtual int NackFragMessageReceive(const MessageReceiver& receiver,
+                                       const NackFragMessage& message);
 
 protected:
     std::map<GUID_t, ReaderProxy*> m_MatchedReaderList; // owned proxies

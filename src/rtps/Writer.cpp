@@ -5,6 +5,7 @@
 
 #include "core/SystemClock.h"
 #include "rtps/CacheChange.h"
+#include "rtps/WriterEventSink.h"
 
 Writer::Writer(const GUID_t& guidValue, const DataWriterQos& attributes,
                RequestScheduler* const* pSchedulers)
@@ -134,9 +135,7 @@ Time_t Writer::getLastLivelinessTime()
 
 void Writer::notifyLivelinessLost()
 {
-    // Joins with the data writer: once DataWriterImpl exists this calls its
-    // liveliness-lost operation on m_DataWriter (status count, listener). The
-    // call goes up a layer, so it is made through a forward declaration only.
-    if (m_DataWriter == nullptr)
-        return;
+    // The data writer counts the loss and calls its listener.
+    if (m_DataWriter != nullptr)
+        m_DataWriter->livelinessLost();
 }

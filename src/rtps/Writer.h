@@ -14,7 +14,7 @@
 class CacheChange;
 class HistoryCache;
 class RequestScheduler;
-class DataWriterImpl;
+class WriterEventSink;
 
 class Writer : public Endpoint
 {
@@ -48,8 +48,9 @@ public:
     // Marks the writer alive if its liveliness kind equals uiKind. Returns 0.
     int assertLiveliness(uint32_t uiKind);
 
-    void setDataWriter(DataWriterImpl* pDataWriter) { m_DataWriter = pDataWriter; }
-    DataWriterImpl* getDataWriter() const { return m_DataWriter; }
+    // The layer above (the DataWriterImpl) through its narrow sink interface.
+    void setDataWriter(WriterEventSink* pDataWriter) { m_DataWriter = pDataWriter; }
+    WriterEventSink* getDataWriter() const { return m_DataWriter; }
     void setWriterCache(HistoryCache* pCache) { m_WriterCache = pCache; }
     HistoryCache* getWriterCache() const { return m_WriterCache; }
     const DataWriterQos& getQos() const { return m_Qos; }
@@ -72,7 +73,7 @@ protected:
     HistoryCache* m_WriterCache;     // owned by the DataWriterImpl
     Time_t m_Duration;               // answered by getEndpointDuration
     SequenceNumber_t m_LastSeq;
-    DataWriterImpl* m_DataWriter;    // not owned; the layer above
+    WriterEventSink* m_DataWriter;   // not owned; the layer above
     RequestScheduler* m_Schedulers[2];
     DataWriterQos m_Qos;
     Time_t m_LastLivelinessTime;

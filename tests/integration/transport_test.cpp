@@ -1,6 +1,6 @@
 // UDP transport over the loopback of a private network namespace: unicast and
 // multicast delivery into the ring, the local shortcut, socket bookkeeping,
-// the watched-socket cap and the receive thread's stop protocol.
+// the watched-socket cap and the receive thread's stop protocol with its wake.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -141,14 +141,17 @@ public:
     }
     ~ReceiveThread() { Stop(); }
 
-    // Clears the run flag and polls the stopped flag every 10 ms, bounded.
-    // Returns the time it took, or -1 if the thread did not stop in 5 s.
-    long long Stop()
+    // Clears the run flag (with bWake, by RequestStop, which also wakes the wait)
+    // and polls the stopped flag every 10 ms, bounded. Returns the time it took.
+    long long Stop(bool bWake = false)
     {
         if (!m_Started || m_Stopped)
             return 0;
         Clock::time_point start = Clock::now();
-        m_Transmitter.SetRunFlag(false);
+        if (bWake)
+            m_Transmitter.RequestStop();
+        else
+            m_Transmitter.SetRunFlag(false);
         while (m_Transmitter.GetStoppedFlag() == 0)
         {
             if (ElapsedMs(start) > 5000)
@@ -446,6 +449,63 @@ TEST(MessageTransmitterUDP_receive, OnlyTheFirst64SocketsInPortOrderAreWatched)
     EXPECT_EQ(58, receiver.transmitter.ReceiveMessage());
     EXPECT_EQ(receiver.ring.GetLength(), receiver.ring.GetAvailableLength());
     EXPECT_EQ(0, log.CountPrefix("[MessageTransmitterUDP::ReceiveMessage]"));
+
+    // The stop's wake is watched beside the 64, not in place of one: it ends the
+    // wait and the 65th socket still stays unread.
+    receiver.transmitter.RequestStop();
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(58, receiver.transmitter.ReceiveMessage());
+    EXPECT_LT(ElapsedMs(start), 200);
+    EXPECT_EQ(receiver.ring.GetLength(), receiver.ring.GetAvailableLength());
+    EXPECT_EQ(0, log.CountPrefix("[MessageTransmitterUDP::ReceiveMessage]"));
+}
+
+TEST(MessageTransmitterUDP_receive, WakeEndsOneWaitLikeATimeoutAndIsSpent)
+{
+    MORVODDS_REQUIRE_PRIVATE_NETNS();
+    LogCapture log;
+    Node node;
+    ASSERT_EQ(0, node.transmitter.ReceiveAddrAdd(MakeLocator(127, 0, 0, 1, 17060)));
+    node.transmitter.RequestStop();
+    EXPECT_EQ(0, node.transmitter.GetRunFlag());
+    EXPECT_EQ(0, node.transmitter.GetStoppedFlag());   // only the loop sets that
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(58, node.transmitter.ReceiveMessage());
+    EXPECT_LT(ElapsedMs(start), 200);
+    // Drained by that pass: the next one waits its full second again.
+    start = Clock::now();
+    EXPECT_EQ(58, node.transmitter.ReceiveMessage());
+    EXPECT_GE(ElapsedMs(start), 950);
+    EXPECT_EQ(0, log.CountPrefix("[MessageTransmitterUDP::ReceiveMessage]"));
+}
+
+TEST(MessageTransmitterUDP_receive, DatagramWaitingAtTheWakeIsStillRead)
+{
+    MORVODDS_REQUIRE_PRIVATE_NETNS();
+    Node sender;
+    Node receiver;
+    ASSERT_EQ(0, receiver.transmitter.ReceiveAddrAdd(MakeLocator(127, 0, 0, 1, 17061)));
+    ASSERT_EQ(0, sender.transmitter.SendAddrAdd(MakeLocator(127, 0, 0, 1, 0)));
+    std::vector<octet> payload = Payload(77, 8);
+    ASSERT_EQ(0, sender.transmitter.MessageSend(MakeLocator(127, 0, 0, 1, 0), MakeLocator(127, 0, 0, 1, 17061),
+                                                payload.data(), 77));
+    receiver.transmitter.RequestStop();
+    EXPECT_EQ(0, receiver.transmitter.ReceiveMessage());
+    std::vector<octet> received;
+    ASSERT_TRUE(ReadRecord(receiver.ring, received));
+    EXPECT_EQ(payload, received);
+}
+
+TEST(MessageTransmitterUDP_receive, NoSocketPathIsUnchangedByAWake)
+{
+    MORVODDS_REQUIRE_PRIVATE_NETNS();
+    LogCapture log;
+    Node node;
+    node.transmitter.RequestStop();
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(100, node.transmitter.ReceiveMessage());
+    EXPECT_GE(ElapsedMs(start), 9);
+    EXPECT_EQ(1, log.Count("[MessageTransmitterUDP::ReceiveMessage] m_ReceiveSocket.Size() = 0"));
 }
 
 TEST(MessageTransmitterUDP_thread, StopsWithinTheOneSecondWait)
@@ -489,4 +549,33 @@ TEST(MessageTransmitterUDP_thread, StopsQuicklyWithoutSockets)
     long long llStopMs = thread.Stop();
     EXPECT_GE(llStopMs, 0);
     EXPECT_LE(llStopMs, 300);
+}
+
+TEST(MessageTransmitterUDP_thread, RequestStopEndsTheWaitWithinMilliseconds)
+{
+    MORVODDS_REQUIRE_PRIVATE_NETNS();
+    LogCapture log;
+    Node node;
+    node.transmitter.SetLogKey(0x20006);
+    ASSERT_EQ(0, node.transmitter.ReceiveAddrAdd(MakeLocator(127, 0, 0, 1, 17051)));
+
+    testing::internal::CaptureStdout();
+    long long llStopMs = -1;
+    {
+        ReceiveThread thread(node.transmitter);
+        ASSERT_TRUE(thread.Started());
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));   // inside a wait by now
+        llStopMs = thread.Stop(true);
+    }
+    fflush(stdout);
+    std::string strConsole = testing::internal::GetCapturedStdout();
+
+    EXPECT_GE(llStopMs, 0);
+    EXPECT_LT(llStopMs, 200);
+    EXPECT_EQ(1, node.transmitter.GetStoppedFlag());
+    // The same lines as a stop by the flag alone, and nothing else.
+    EXPECT_EQ("Create TransmitRun \nStop Recv Thread .. \n", strConsole);
+    EXPECT_EQ((std::vector<int>{DDSLOG_RECV, DDSLOG_WRITE, DDSLOG_ERROR, DDSLOG_INFO}),
+              log.CodesOf("Stop Recv Thread Sucess"));
+    EXPECT_EQ(0, log.CountPrefix("[MessageTransmitterUDP::ReceiveMessage]"));
 }

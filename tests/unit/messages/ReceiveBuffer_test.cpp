@@ -1,5 +1,6 @@
 // The datagram ring: record layout across the array's end, the room rule, the
-// data gate between a writer and a waiting reader.
+// data gate between a writer and a waiting reader, and the wake that ends the
+// process loop's wait on a stop.
 #include "messages/ReceiveBuffer.h"
 
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 
 #include "DDSLogManagementFactory.h"
 #include "log/LogObserver.h"
+#include "messages/MessageProcessor.h"
 
 namespace
 {
@@ -359,4 +361,123 @@ TEST(ReceiveBuffer, DefaultCapacityIsFiftyMebibytes)
     ASSERT_EQ(0, ring.Read(out.data(), uiLength));
     EXPECT_EQ(64512u, uiLength);
     EXPECT_EQ(0, std::memcmp(data.data(), out.data(), 64512));
+}
+
+// Wake: the stop's early end of a reader's wait.
+TEST(ReceiveBuffer_wake, WaitingReaderReturnsNothingAtOnceAndSilently)
+{
+    LogCapture log;
+    ReceiveBuffer ring(64);
+    std::atomic<int> result(-1);
+    std::atomic<long long> waitedMs(-1);
+    std::vector<octet> out(65536, 0xAB);
+    uint32_t uiLength = 1234;
+    std::thread reader([&] {
+        Clock::time_point start = Clock::now();
+        result = ring.Read(out.data(), uiLength);
+        waitedMs = ElapsedMs(start);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));   // inside the wait by now
+    ring.Wake();
+    reader.join();
+    EXPECT_EQ(1, result.load());
+    EXPECT_GE(waitedMs.load(), 50);
+    EXPECT_LT(waitedMs.load(), 200);
+    // Nothing read: length and destination untouched, the ring still empty.
+    EXPECT_EQ(1234u, uiLength);
+    EXPECT_EQ(0xAB, out[0]);
+    EXPECT_EQ(0xAB, out[3]);
+    EXPECT_EQ(64u, ring.GetAvailableLength());
+    // No "[ReceiveBuffer::Read] ..." line: a wake is not an empty-ring fault.
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(ReceiveBuffer_wake, WakeBeforeTheReadIsNotLostAndIsUsedOnce)
+{
+    LogCapture log;
+    ReceiveBuffer ring(64);
+    ring.Wake();
+    ring.Wake();   // the gate holds one token: the second wake adds nothing
+    std::vector<octet> out(65536);
+    uint32_t uiLength = 0;
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(1, ring.Read(out.data(), uiLength));
+    EXPECT_LT(ElapsedMs(start), 200);
+    // The gate is closed again: the next read waits its full second.
+    start = Clock::now();
+    EXPECT_EQ(1, ring.Read(out.data(), uiLength));
+    EXPECT_GE(ElapsedMs(start), 950);
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(ReceiveBuffer_wake, RecordsWaitingAtTheWakeAreStillReadInOrder)
+{
+    LogCapture log;
+    ReceiveBuffer ring(256);
+    std::vector<octet> a = Pattern(10, 1);
+    std::vector<octet> b = Pattern(20, 2);
+    ASSERT_EQ(0, ring.Write(a.data(), 10));
+    ASSERT_EQ(0, ring.Write(b.data(), 20));
+    ring.Wake();   // the gate is open already: the post is refused and harmless
+
+    std::vector<octet> out(65536);
+    uint32_t uiLength = 0;
+    ASSERT_EQ(0, ring.Read(out.data(), uiLength));
+    ASSERT_EQ(10u, uiLength);
+    EXPECT_EQ(0, std::memcmp(a.data(), out.data(), 10));
+    ASSERT_EQ(0, ring.Read(out.data(), uiLength));
+    ASSERT_EQ(20u, uiLength);
+    EXPECT_EQ(0, std::memcmp(b.data(), out.data(), 20));
+    // The wake was spent with the records; an empty ring times out as before.
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(1, ring.Read(out.data(), uiLength));
+    EXPECT_GE(ElapsedMs(start), 950);
+    EXPECT_EQ(256u, ring.GetAvailableLength());
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+// Every line of every class, for the process loop's stop lines.
+struct StopLines
+{
+    std::mutex mutex;
+    std::vector<std::pair<std::string, int>> lines;
+
+    static void Observe(void* context, int, const char* text, size_t length, int code)
+    {
+        StopLines* self = static_cast<StopLines*>(context);
+        std::lock_guard<std::mutex> lock(self->mutex);
+        self->lines.emplace_back(std::string(text, length), code);
+    }
+};
+
+TEST(ReceiveBuffer_wake, ProcessLoopStopsWithinMillisecondsWithItsUsualLines)
+{
+    StopLines log;
+    SetLogObserver(&StopLines::Observe, &log);
+    ReceiveBuffer ring(4096);
+    const GuidPrefix prefix = {{10, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0}};
+    MessageProcessor processor(nullptr, &ring, prefix, 0);
+
+    testing::internal::CaptureStdout();
+    std::thread loop(&MessageProcessor::ProcessRun, &processor);
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));   // inside the ring's wait
+    Clock::time_point start = Clock::now();
+    processor.RequestStop();
+    while (!processor.IsStopped() && ElapsedMs(start) < 3000)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    long long llStopMs = ElapsedMs(start);
+    loop.join();
+    std::string strOut = testing::internal::GetCapturedStdout();
+    SetLogObserver(nullptr, nullptr);
+
+    EXPECT_TRUE(processor.IsStopped());
+    EXPECT_FALSE(processor.IsRunning());
+    EXPECT_LT(llStopMs, 200);
+    EXPECT_EQ("Stop Process Thread .. \n", strOut);
+    // Exactly the four stop lines, in their order: the woken read logged nothing.
+    std::vector<std::pair<std::string, int>> expected;
+    for (int iCode : {DDSLOG_RECV, DDSLOG_WRITE, DDSLOG_ERROR, DDSLOG_INFO})
+        expected.emplace_back("Stop Process Thread Sucess", iCode);
+    std::lock_guard<std::mutex> lock(log.mutex);
+    EXPECT_EQ(expected, log.lines);
 }

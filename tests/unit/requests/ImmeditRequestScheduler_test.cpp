@@ -6,6 +6,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "DDSLogManagementFactory.h"
@@ -170,6 +171,70 @@ TEST_F(ImmeditRequestSchedulerTest, FailedRequestIsDeletedWithoutRetry) {
   m_Scheduler.ExcuteRequest();
   EXPECT_EQ((std::vector<int>{1, 2, 3}), m_Journal.Order());
   EXPECT_EQ(3, m_Journal.destroyed.load());
+}
+
+// RequestStop: the wake that ends the send loop's wait on a stop.
+TEST_F(ImmeditRequestSchedulerTest, StopWakeAloneWalksNoList) {
+  m_Scheduler.RequestAdd(Make(1, 0, Time_t(105, 0)));
+  m_Scheduler.ExcuteRequest();  // the add's pass: not yet due
+  ManualTickClock::Set(110000);  // due now, but no RequestAdd came since
+
+  m_Scheduler.RequestStop();
+  EXPECT_EQ(0, m_Scheduler.GetRunFlag());
+  const Clock::time_point start = Clock::now();
+  EXPECT_EQ(0, m_Scheduler.ExcuteRequest());
+  const auto waited =
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+  EXPECT_LT(waited, 200);  // woken, not timed out
+  // As after a time-out: the request stays queued, to be deleted unexecuted.
+  EXPECT_EQ(0, m_Journal.executed.load());
+  EXPECT_EQ(0, m_Journal.destroyed.load());
+}
+
+TEST_F(ImmeditRequestSchedulerTest, RequestAddedJustBeforeTheStopStillRuns) {
+  // The participant queues its last words and stops the send thread right after:
+  // the add's wake and the stop's merge into one token, and that pass runs them.
+  m_Scheduler.ExcuteRequest();  // spends the initial token
+  m_Scheduler.RequestAdd(Make(1));
+  m_Scheduler.RequestStop();
+  m_Scheduler.ExcuteRequest();
+  EXPECT_EQ((std::vector<int>{1}), m_Journal.Order());
+  EXPECT_EQ(1, m_Journal.destroyed.load());
+}
+
+TEST_F(ImmeditRequestSchedulerTest, SendLoopStopsWithinMillisecondsAndLeavesNotDueRequests) {
+  LogCapture capture;
+  SetLogObserver(&LogCapture::Observe, &capture);
+  ImmeditRequestScheduler* pScheduler = new ImmeditRequestScheduler(nullptr, nullptr);
+  Thread* pThread = new Thread(std::string("0_SEND"));
+  ASSERT_EQ(0, pThread->Start(&ImmeditRequestScheduler::SendRun, pScheduler, 0, ""));
+
+  pScheduler->RequestAdd(Make(1));
+  pScheduler->RequestAdd(Make(2, 0, Time_t(105, 0)));
+  ASSERT_TRUE(WaitFor([&] { return m_Journal.executed.load() == 1; }, 2000));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // back in the wait
+  ManualTickClock::Set(110000);
+
+  testing::internal::CaptureStdout();
+  const Clock::time_point start = Clock::now();
+  pScheduler->RequestStop();
+  const bool bStopped = WaitFor([&] { return pScheduler->GetStoppedFlag() != 0; }, 3000, 1);
+  const auto stopMs =
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+  const std::string strOut = testing::internal::GetCapturedStdout();
+  ASSERT_TRUE(bStopped);
+  EXPECT_LT(stopMs, 200);
+  EXPECT_EQ("Stop Send Thread .. \n", strOut);
+  EXPECT_EQ((std::vector<int>{DDSLOG_RECV, DDSLOG_WRITE, DDSLOG_ERROR, DDSLOG_INFO}),
+            capture.CodesOf("Stop Send Thread Sucess"));
+  delete pThread;
+
+  // The stop's wake ran no batch: the request that fell due meanwhile goes
+  // unexecuted with the scheduler, as it did when the loop timed out instead.
+  delete pScheduler;
+  SetLogObserver(nullptr, nullptr);
+  EXPECT_EQ((std::vector<int>{1}), m_Journal.Order());
+  EXPECT_EQ(2, m_Journal.destroyed.load());
 }
 
 TEST(ImmeditRequestScheduler_sendThread, RunsQueuedRequestsAndStopsWithinTheWakeTimeout) {

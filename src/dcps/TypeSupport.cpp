@@ -1,0 +1,5 @@
+#include "TypeSupport.h"
+
+TypeSupport::~TypeSupport() {}
+
+TypeCode* TypeSupport::GetTypeCode() { return nullptr; }
