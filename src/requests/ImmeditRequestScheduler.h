@@ -25,7 +25,8 @@ public:
 
     // One pass of the send loop, on the send thread: waits at most 1000 ms for
     // a RequestAdd, then executes and deletes every queued request whose next
-    // time has passed. Requests not yet due wait for the next RequestAdd.
+    // time has passed. Requests not yet due wait for the next RequestAdd. A
+    // wake by RequestStop alone ends the wait like its time-out.
     int ExcuteRequest();
 
     // Send thread entry for Thread::Start; the argument is the

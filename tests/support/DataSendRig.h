@@ -1,6 +1,6 @@
-// Test rig for the send path: a transport that captures every datagram with
-// its source and destination (no socket), a participant built over it, and a
-// recorder of log texts. Header-only; used by the requests and rtps tests.
+// Test rig for the rtps and requests tests: a transport that captures every
+// datagram and address set-up (no socket), a participant built over it, and a
+// recorder of log texts. Header-only; test threads only.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,11 +20,11 @@
 #include "QosPolicy.h"
 #include "log/LogObserver.h"
 #include "messages/MessageTransmitter.h"
+#include "rtps/CacheChange.h"
 #include "rtps/Participant.h"
 #include "rtps/Writer.h"
 
-struct CapturedDatagram
-{
+struct CapturedDatagram {
     Locator_t source;
     Locator_t destination;
     std::vector<uint8_t> bytes;
@@ -32,15 +32,16 @@ struct CapturedDatagram
 
 // The list form walks the pairs, every source then every destination, the
 // way the UDP transport does, and each pair is one captured datagram.
-class CapturingTransmitter : public MessageTransmitter
-{
+class CapturingTransmitter : public MessageTransmitter {
 public:
     explicit CapturingTransmitter(ReceiveBuffer* pBuffer) : MessageTransmitter(pBuffer) {}
 
-    int SendAddrAdd(Locator_t) override { return 0; }
+    int SendAddrAdd(Locator_t locator) override {
+        m_SendAddrs.push_back(locator);
+        return 0;
+    }
     int MessageSend(const std::list<Locator_t>& sources, const std::list<Locator_t>& destinations,
-                    const octet* pMessage, uint32_t uiLength) override
-    {
+                    const octet* pMessage, uint32_t uiLength) override {
         ++m_ListSends;
         for (const Locator_t& source : sources)
             for (const Locator_t& destination : destinations)
@@ -48,24 +49,27 @@ public:
         return 0;
     }
     int MessageSend(Locator_t source, Locator_t destination, const octet* pMessage,
-                    uint32_t uiLength) override
-    {
+                    uint32_t uiLength) override {
         std::lock_guard<std::mutex> lock(m_Mutex);
         m_Datagrams.push_back(
             CapturedDatagram{source, destination, std::vector<uint8_t>(pMessage, pMessage + uiLength)});
         return 0;
     }
     int MessageSend(const Locator_t* pSource, const Locator_t* pDestination, const octet* pMessage,
-                    uint32_t uiLength) override
-    {
+                    uint32_t uiLength) override {
         return MessageSend(*pSource, *pDestination, pMessage, uiLength);
     }
-    int ReceiveMessage() override { return 0; }
-    int ReceiveAddrAdd(Locator_t) override { return 0; }
+    int ReceiveMessage() override {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));  // a receive thread must not spin
+        return 0;
+    }
+    int ReceiveAddrAdd(Locator_t locator) override {
+        m_ReceiveAddrs.push_back(locator);
+        return 0;
+    }
     int ReceiveAddrRemove(Locator_t) override { return 0; }
 
-    std::vector<CapturedDatagram> Datagrams()
-    {
+    std::vector<CapturedDatagram> Datagrams() {
         std::lock_guard<std::mutex> lock(m_Mutex);
         return m_Datagrams;
     }
@@ -73,49 +77,79 @@ public:
 
     static MessageTransmitter* Make(ReceiveBuffer* pBuffer, int) { return new CapturingTransmitter(pBuffer); }
 
+    // Set up on the owner's thread only.
+    std::vector<Locator_t> m_SendAddrs;
+    std::vector<Locator_t> m_ReceiveAddrs;
+
 private:
     std::mutex m_Mutex;
     std::vector<CapturedDatagram> m_Datagrams;
     std::atomic<int> m_ListSends{0};
 };
 
+struct LogEntry {
+    int key;
+    int code;
+    std::string text;
+};
+
 // Every text handed to WriteDDSLog while it lives.
-class LogRecorder
-{
+class LogRecorder {
 public:
     LogRecorder() { SetLogObserver(&LogRecorder::Observe, this); }
     ~LogRecorder() { SetLogObserver(nullptr, nullptr); }
     LogRecorder(const LogRecorder&) = delete;
     LogRecorder& operator=(const LogRecorder&) = delete;
 
-    int Count(const std::string& strText)
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
+    int Count(const std::string& strText) {
         int iCount = 0;
-        for (const std::string& s : m_Texts)
-            iCount += s == strText ? 1 : 0;
+        for (const LogEntry& entry : Entries()) iCount += entry.text == strText ? 1 : 0;
         return iCount;
     }
-    std::vector<std::string> Texts()
-    {
+    std::vector<std::string> Texts() {
+        std::vector<std::string> texts;
+        for (const LogEntry& entry : Entries()) texts.push_back(entry.text);
+        return texts;
+    }
+    std::vector<LogEntry> Entries() {
         std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Texts;
+        return m_Entries;
     }
 
 private:
-    static void Observe(void* pContext, int, const char* szText, size_t length, int)
-    {
+    static void Observe(void* pContext, int iKey, const char* szText, size_t length, int iCode) {
         LogRecorder* pSelf = static_cast<LogRecorder*>(pContext);
         std::lock_guard<std::mutex> lock(pSelf->m_Mutex);
-        pSelf->m_Texts.emplace_back(szText, length);
+        pSelf->m_Entries.push_back(LogEntry{iKey, iCode, std::string(szText, length)});
     }
 
     std::mutex m_Mutex;
-    std::vector<std::string> m_Texts;
+    std::vector<LogEntry> m_Entries;
 };
 
-inline Locator_t UdpLocator(uint8_t a, uint8_t b, uint8_t c, uint8_t d, uint32_t uiPort)
-{
+// A change that counts its deletions, so a test sees who freed it and when.
+class CountedChange : public CacheChange {
+public:
+    ~CountedChange() override { ++Deleted(); }
+    static std::atomic<int>& Deleted() {
+        static std::atomic<int> s_iDeleted{0};
+        return s_iDeleted;
+    }
+};
+
+// An alive change of writer number uiSeq with a payload of uiLength octets
+// (copied from pData when given, zeroed otherwise).
+inline CacheChange* MakeChange(uint32_t uiSeq, uint32_t uiLength = 4, const void* pData = nullptr) {
+    CacheChange* pChange = new CountedChange();
+    pChange->kind = CHANGE_KIND_ALIVE;
+    pChange->sequenceNumber = SequenceNumber_t(0, uiSeq);
+    pChange->dataLength = uiLength;
+    pChange->data = CacheChange::AllocData(uiLength);
+    if (pData != nullptr && uiLength != 0) std::memcpy(pChange->data, pData, uiLength);
+    return pChange;
+}
+
+inline Locator_t UdpLocator(uint8_t a, uint8_t b, uint8_t c, uint8_t d, uint32_t uiPort) {
     Locator_t locator;
     locator.kind = LOCATOR_KIND_UDPv4;
     locator.port = uiPort;
@@ -123,54 +157,57 @@ inline Locator_t UdpLocator(uint8_t a, uint8_t b, uint8_t c, uint8_t d, uint32_t
     return locator;
 }
 
-// A participant of domain 3 over the capturing transport; no thread, no socket.
-class DataSendRig
-{
+// GUID of participant uiParticipantId in iDomain, address octets still zero.
+inline GUID_t ParticipantGuid(int iDomain, uint32_t uiParticipantId) {
+    GUID_t guid = GUID_UNKNOWN;
+    std::memcpy(&guid.guidPrefix.value[4], &iDomain, 4);
+    std::memcpy(&guid.guidPrefix.value[8], &uiParticipantId, 4);
+    guid.entityId = ENTITYID_PARTICIPANT;
+    return guid;
+}
+
+// A participant over the capturing transport; no thread, no socket until asked.
+class DataSendRig {
 public:
-    DataSendRig()
-    {
-        GUID_t guid;
-        const octet prefix[12] = {0x0A, 0x00, 0x00, 0x05, 0x03, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00};
-        std::memcpy(guid.guidPrefix.value, prefix, sizeof(prefix));
-        guid.entityId = ENTITYID_PARTICIPANT;
-        m_pParticipant.reset(new Participant(guid, nullptr, 3, nullptr, &CapturingTransmitter::Make));
+    explicit DataSendRig(int iDomain = 3, uint32_t uiParticipantId = 1,
+                         DomainParticipantQos* pQos = nullptr) {
+        m_pParticipant.reset(new Participant(ParticipantGuid(iDomain, uiParticipantId), nullptr, iDomain,
+                                             pQos, &CapturingTransmitter::Make));
         m_pTransmitter = static_cast<CapturingTransmitter*>(m_pParticipant->getMessageTransmitter());
     }
 
     // A best-effort writer with one source locator.
     template <class W>
-    W* MakeWriter(const DataWriterQos& qos, const Locator_t& source)
-    {
+    W* MakeWriter(const DataWriterQos& qos, const Locator_t& source) {
         Writer* pWriter = m_pParticipant->createWriter(qos, ENTITYID_UNKNOWN);
-        if (pWriter != nullptr)
-            pWriter->setUnicastLocatorList(std::list<Locator_t>{source});
+        if (pWriter != nullptr) pWriter->setUnicastLocatorList(std::list<Locator_t>{source});
         return dynamic_cast<W*>(pWriter);
     }
 
     // True when the writer can be borrowed (and is given back at once): nobody
     // kept it. Bounded: a writer left borrowed would make takeEndpoint spin.
-    bool WriterIsFree(const EntityId_t& writerId)
-    {
+    bool WriterIsFree(const EntityId_t& writerId) {
         auto pDone = std::make_shared<std::atomic<bool>>(false);
         Participant* pParticipant = m_pParticipant.get();
         std::thread probe([pParticipant, writerId, pDone] {
             Endpoint* pEndpoint = pParticipant->takeEndpoint(writerId);
-            if (pEndpoint != nullptr)
-                pParticipant->returnEndpoint(pEndpoint);
+            if (pEndpoint != nullptr) pParticipant->returnEndpoint(pEndpoint);
             pDone->store(true);
         });
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
         while (!pDone->load() && std::chrono::steady_clock::now() < deadline)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        if (pDone->load())
-        {
+        if (pDone->load()) {
             probe.join();
             return true;
         }
         probe.detach();  // stuck for good: the test fails, the process ends it
-        m_pParticipant.release();
+        Abandon();
         return false;
     }
+
+    // For a test that leaves a thread blocked on the participant: never delete it.
+    void Abandon() { m_pParticipant.release(); }
 
     Participant& participant() { return *m_pParticipant; }
     CapturingTransmitter& transmitter() { return *m_pTransmitter; }

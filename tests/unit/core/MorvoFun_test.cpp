@@ -3,132 +3,67 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstring>
 #include <string>
 #include <vector>
 
-namespace
+TEST(MorvoFun_match, Table)
 {
-int Match(const char* regexp, const char* text)
-{
-    std::string strPattern(regexp);
-    std::string strText(text);
-    return MorvoFun::match(&strPattern[0], &strText[0]);
-}
-
-std::vector<std::string> Parts(std::initializer_list<const char*> list)
-{
-    return std::vector<std::string>(list.begin(), list.end());
-}
-} // namespace
-
-TEST(MorvoFun_match, AnchorsAndAnyCharacter)
-{
-    EXPECT_EQ(1, Match("^a.c$", "abc"));
-    EXPECT_EQ(0, Match("^a.c$", "abcd"));
-    EXPECT_EQ(0, Match("^a.c$", "xabc"));
-    EXPECT_EQ(0, Match("^b", "ab"));
-    EXPECT_EQ(1, Match("b", "ab"));
-    EXPECT_EQ(1, Match("c$", "abc"));
-    EXPECT_EQ(0, Match("b$", "abc"));
-    EXPECT_EQ(1, Match("$", ""));
-    EXPECT_EQ(1, Match("^$", ""));
-    EXPECT_EQ(0, Match("^$", "a"));
-}
-
-TEST(MorvoFun_match, EmptyPatternAndEmptyText)
-{
-    EXPECT_EQ(1, Match("", ""));
-    EXPECT_EQ(1, Match("", "anything"));
-    EXPECT_EQ(0, Match("a", ""));
-    EXPECT_EQ(1, Match("b*", ""));
+    const struct
+    {
+        const char* pattern;
+        const char* text;
+        int expected;
+    } rows[] = {
+        {"^a.c$", "abc", 1}, {"^a.c$", "abcd", 0}, {"^a.c$", "xabc", 0}, {"^b", "ab", 0},
+        {"b", "ab", 1}, {"b$", "abc", 0}, {"^$", "", 1}, {"^$", "a", 0},
+        {"", "anything", 1}, {"a", "", 0}, {"b*", "", 1},
+        {"^ab*c$", "ac", 1}, {"^ab*c$", "abbbc", 1}, {"^ab*c$", "abxc", 0}, {"^a.*z$", "a123z", 1},
+        // A leading star has nothing before it: it is an ordinary character.
+        {"*", "a*b", 1}, {"*", "ab", 0}, {"^*a", "*a", 1}, {"^*a", "a", 0},
+        // Everything else is literal; '$' only anchors at the end.
+        {"a+b", "a+b", 1}, {"a+b", "aab", 0}, {"[ab]", "a", 0}, {"\\.", "\\x", 1}, {"\\.", ".", 0},
+        {"a$b", "a$b", 1},
+    };
+    for (const auto& row : rows)
+    {
+        std::string strPattern(row.pattern), strText(row.text);
+        EXPECT_EQ(row.expected, MorvoFun::match(&strPattern[0], &strText[0]))
+            << "'" << row.pattern << "' on '" << row.text << "'";
+    }
     EXPECT_EQ(1, MorvoFun::match(nullptr, nullptr));
 }
 
-TEST(MorvoFun_match, Star)
+TEST(MorvoFun_StringSplit, CutsFromOffsetOneKeepingTheSeparator)
 {
-    EXPECT_EQ(1, Match("^ab*c$", "ac"));
-    EXPECT_EQ(1, Match("^ab*c$", "abbbc"));
-    EXPECT_EQ(0, Match("^ab*c$", "abxc"));
-    EXPECT_EQ(1, Match("^a.*z$", "a123z"));
-    EXPECT_EQ(1, Match("^.*$", "partition"));
-    // A leading star has nothing before it: it is an ordinary character.
-    EXPECT_EQ(1, Match("*", "a*b"));
-    EXPECT_EQ(0, Match("*", "ab"));
-    EXPECT_EQ(1, Match("^*a", "*a"));
-    EXPECT_EQ(0, Match("^*a", "a"));
-    // Only a character before it makes it a repetition.
-    EXPECT_EQ(1, Match("x*", "ab"));
-}
-
-TEST(MorvoFun_match, OtherCharactersAreLiteral)
-{
-    EXPECT_EQ(1, Match("a+b", "a+b"));
-    EXPECT_EQ(0, Match("a+b", "aab"));
-    EXPECT_EQ(1, Match("a?", "xa?"));
-    EXPECT_EQ(0, Match("a?", "a"));
-    EXPECT_EQ(1, Match("[ab]", "[ab]"));
-    EXPECT_EQ(0, Match("[ab]", "a"));
-    EXPECT_EQ(1, Match("\\.", "\\x"));
-    EXPECT_EQ(0, Match("\\.", "."));
-    EXPECT_EQ(1, Match("a$b", "a$b")); // '$' only anchors at the end
-}
-
-TEST(MorvoFun_StringSplit, CutsKeepingTheSeparator)
-{
-    EXPECT_EQ(Parts({"a", ".b", ".c"}), MorvoFun::StringSplit("a.b.c", '.', 10));
-    EXPECT_EQ(Parts({"abc"}), MorvoFun::StringSplit("abc", '.', 10));
-    EXPECT_EQ(Parts({"a", ".", ".b"}), MorvoFun::StringSplit("a..b", '.', 10));
-    EXPECT_EQ(Parts({"a", "."}), MorvoFun::StringSplit("a.", '.', 10));
-}
-
-TEST(MorvoFun_StringSplit, ScanStartsAtOffsetOne)
-{
-    EXPECT_EQ(Parts({".a", ".b"}), MorvoFun::StringSplit(".a.b", '.', 10));
-    EXPECT_EQ(Parts({"."}), MorvoFun::StringSplit(".", '.', 10));
-    EXPECT_EQ(Parts({".", "."}), MorvoFun::StringSplit("..", '.', 10));
-}
-
-TEST(MorvoFun_StringSplit, MaxPartsLimitsTheCuts)
-{
-    EXPECT_EQ(Parts({"a", ".b.c.d"}), MorvoFun::StringSplit("a.b.c.d", '.', 2));
-    EXPECT_EQ(Parts({"a", ".b", ".c.d"}), MorvoFun::StringSplit("a.b.c.d", '.', 3));
-    EXPECT_EQ(Parts({"a.b"}), MorvoFun::StringSplit("a.b", '.', 1));
-    EXPECT_EQ(Parts({"a.b"}), MorvoFun::StringSplit("a.b", '.', 0));
-}
-
-TEST(MorvoFun_StringSplit, EmptyStringGivesNoParts)
-{
-    EXPECT_TRUE(MorvoFun::StringSplit("", '.', 10).empty());
+    typedef std::vector<std::string> Parts;
+    const struct
+    {
+        const char* text;
+        int maxParts;
+        Parts expected;
+    } rows[] = {
+        {"a.b.c", 10, {"a", ".b", ".c"}}, {"abc", 10, {"abc"}}, {"a..b", 10, {"a", ".", ".b"}},
+        {"a.", 10, {"a", "."}}, {".a.b", 10, {".a", ".b"}}, {"..", 10, {".", "."}},
+        {"a.b.c.d", 2, {"a", ".b.c.d"}}, {"a.b.c.d", 3, {"a", ".b", ".c.d"}}, {"a.b", 1, {"a.b"}},
+        {"a.b", 0, {"a.b"}}, {"", 10, {}},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(row.expected, MorvoFun::StringSplit(row.text, '.', row.maxParts)) << row.text << " " << row.maxParts;
 }
 
 TEST(MorvoFun, StringConversions)
 {
-    EXPECT_EQ("0", MorvoFun::IntToString(0));
     EXPECT_EQ("-17", MorvoFun::IntToString(-17));
-    EXPECT_EQ("500", MorvoFun::IntToString(500));
-
-    EXPECT_EQ(42, MorvoFun::StringToInt("42"));
     EXPECT_EQ(-3, MorvoFun::StringToInt(" -3"));
     EXPECT_EQ(12, MorvoFun::StringToInt("12abc"));
     EXPECT_EQ(0, MorvoFun::StringToInt("abc"));
-    EXPECT_EQ(0, MorvoFun::StringToInt(""));
-
     EXPECT_EQ(7400u, MorvoFun::StringToUnsigned("7400"));
     EXPECT_EQ(0u, MorvoFun::StringToUnsigned("0"));
     EXPECT_EQ(0xFFFFFFFFu, MorvoFun::StringToUnsigned("abc"));
     EXPECT_EQ(0xFFFFFFFFu, MorvoFun::StringToUnsigned(""));
 }
 
-TEST(MorvoFun, LocalEndiannessIsFirstOctetOfOne)
-{
-    const int iOne = 1;
-    unsigned char first = 0;
-    memcpy(&first, &iOne, 1);
-    EXPECT_EQ(static_cast<int>(first), MorvoFun::LocalEndianness());
-}
-
-TEST(MorvoFun, DDS_msleepSleepsAndReturnsZero)
+TEST(MorvoFun, DDS_msleepSleepsAndLocalEndiannessIsFirstOctetOfOne)
 {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(0, MorvoFun::DDS_msleep(30));
@@ -136,4 +71,7 @@ TEST(MorvoFun, DDS_msleepSleepsAndReturnsZero)
     EXPECT_GE(elapsed, std::chrono::milliseconds(29));
     EXPECT_LT(elapsed, std::chrono::milliseconds(1000));
     EXPECT_EQ(0, MorvoFun::DDS_msleep(-5));
+
+    const int iOne = 1;
+    EXPECT_EQ(int(*reinterpret_cast<const unsigned char*>(&iOne)), MorvoFun::LocalEndianness());
 }

@@ -16,21 +16,24 @@ long long ElapsedMs(Clock::time_point start)
 }
 } // namespace
 
-TEST(Semaphore, WaitZeroOnEmptyTimesOutAtOnce)
+TEST(Semaphore, CountIsBoundedByTheMaximum)
 {
-    Semaphore semaphore(0, 1);
-    const auto start = Clock::now();
-    EXPECT_EQ(-100, semaphore.Wait(0));
-    EXPECT_LT(ElapsedMs(start), 50);
-}
+    Semaphore byDefault; // one token, maximum one
+    EXPECT_EQ(0, byDefault.Wait(0));
+    EXPECT_EQ(-100, byDefault.Wait(0));
 
-TEST(Semaphore, DefaultHoldsOneToken)
-{
-    Semaphore semaphore;
-    EXPECT_EQ(0, semaphore.Wait(0));
-    EXPECT_EQ(-100, semaphore.Wait(0));
-    EXPECT_EQ(0, semaphore.Post());
-    EXPECT_EQ(0, semaphore.Wait(0));
+    Semaphore clamped(5, 2); // the initial count is clamped too
+    EXPECT_EQ(0, clamped.Wait(0));
+    EXPECT_EQ(0, clamped.Wait(0));
+    EXPECT_EQ(-100, clamped.Wait(0));
+    EXPECT_EQ(0, clamped.Post());
+    EXPECT_EQ(0, clamped.Post());
+    EXPECT_NE(0, clamped.Post()); // refused beyond the maximum, count kept
+    EXPECT_EQ(0, clamped.Wait(0));
+    EXPECT_EQ(0, clamped.Wait(0));
+    const auto start = Clock::now();
+    EXPECT_EQ(-100, clamped.Wait(0));
+    EXPECT_LT(ElapsedMs(start), 50);
 }
 
 TEST(Semaphore, TimedWaitHonoursTheLimit)
@@ -43,57 +46,23 @@ TEST(Semaphore, TimedWaitHonoursTheLimit)
     EXPECT_LT(elapsed, 1000);
 }
 
-TEST(Semaphore, PostBeyondMaximumIsRefusedAndCountKept)
-{
-    Semaphore semaphore(0, 2);
-    EXPECT_EQ(0, semaphore.Post());
-    EXPECT_EQ(0, semaphore.Post());
-    EXPECT_NE(0, semaphore.Post());
-    EXPECT_EQ(0, semaphore.Wait(0));
-    EXPECT_EQ(0, semaphore.Wait(0));
-    EXPECT_EQ(-100, semaphore.Wait(0));
-}
-
-TEST(Semaphore, InitialCountAboveMaximumIsClamped)
-{
-    Semaphore semaphore(5, 1);
-    EXPECT_EQ(0, semaphore.Wait(0));
-    EXPECT_EQ(-100, semaphore.Wait(0));
-}
-
-TEST(Semaphore, PostReleasesWaiterOnAnotherThread)
-{
-    Semaphore semaphore(0, 1);
-    std::atomic<int> result{1};
-    std::atomic<long long> waited{-1};
-    std::thread waiter([&] {
-        const auto start = Clock::now();
-        result = semaphore.Wait(5000);
-        waited = ElapsedMs(start);
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(0, semaphore.Post());
-    waiter.join();
-    EXPECT_EQ(0, result.load());
-    EXPECT_LT(waited.load(), 2000);
-}
-
-TEST(Semaphore, InfiniteWaitReturnsOnPost)
+TEST(Semaphore, PostReleasesWaitersOnOtherThreads)
 {
     Semaphore semaphore(0, 3);
     std::atomic<int> released{0};
-    std::thread first([&] {
-        if (semaphore.Wait(Semaphore::INFINITE_WAIT) == 0)
+    auto wait = [&](unsigned int uiMs) {
+        if (semaphore.Wait(uiMs) == 0)
             ++released;
-    });
-    std::thread second([&] {
-        if (semaphore.Wait(Semaphore::INFINITE_WAIT) == 0)
-            ++released;
-    });
+    };
+    std::thread timed(wait, 5000u);
+    std::thread infinite(wait, Semaphore::INFINITE_WAIT);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const auto start = Clock::now();
     EXPECT_EQ(0, semaphore.Post());
     EXPECT_EQ(0, semaphore.Post());
-    first.join();
-    second.join();
+    timed.join();
+    infinite.join();
+    EXPECT_LT(ElapsedMs(start), 2000);
     EXPECT_EQ(2, released.load());
     EXPECT_EQ(-100, semaphore.Wait(0));
 }

@@ -32,6 +32,7 @@ public:
             if (e.text == text) found.push_back(e);
         return found;
     }
+    size_t Count(const std::string& text) { return Find(text).size(); }
 
 private:
     static void Observe(void* context, int key, const char* text, size_t length, int code) {

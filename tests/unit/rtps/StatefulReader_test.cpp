@@ -2,77 +2,30 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "DDSLogManagementFactory.h"
-#include "log/LogObserver.h"
+#include "DataSendRig.h"
 #include "rtps/CacheChange.h"
 #include "rtps/HistoryCache.h"
 #include "rtps/ReaderDataSink.h"
 #include "rtps/WriterProxy.h"
 
-namespace
-{
-struct LogEntry
-{
-    int code;
-    std::string text;
-};
-
-// Collects every log text while alive.
-class ReaderLogCapture
-{
-public:
-    ReaderLogCapture() { SetLogObserver(&ReaderLogCapture::Observe, this); }
-    ~ReaderLogCapture() { SetLogObserver(nullptr, nullptr); }
-
-    std::vector<LogEntry> Entries()
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Entries;
-    }
-    int Count(const std::string& strNeedle)
-    {
-        int iCount = 0;
-        for (const LogEntry& entry : Entries())
-            iCount += entry.text.find(strNeedle) != std::string::npos ? 1 : 0;
-        return iCount;
-    }
-
-private:
-    static void Observe(void* context, int, const char* text, size_t length, int code)
-    {
-        ReaderLogCapture* self = static_cast<ReaderLogCapture*>(context);
-        std::lock_guard<std::mutex> lock(self->m_Mutex);
-        self->m_Entries.push_back(LogEntry{code, std::string(text, length)});
-    }
-
-    std::mutex m_Mutex;
-    std::vector<LogEntry> m_Entries;
-};
-
-struct Delivery
-{
-    SequenceNumber_t key;
-    std::vector<octet> payload;
-    Time_t lifespan;
-};
+namespace {
+typedef std::vector<uint32_t> Seq;
+const EntityId_t WRITER_ID = EntityId_t{{0x00, 0x00, 0x01}, 0x02};
+const EntityId_t OTHER_WRITER_ID = EntityId_t{{0x00, 0x00, 0x02}, 0x02};
 
 // Stands for the DataReaderImpl: records what reaches it.
-class TestSink : public ReaderDataSink
-{
+class TestSink : public ReaderDataSink {
 public:
-    int DataReceive(CacheChange* pCacheChange) override
-    {
-        Delivery delivery;
-        delivery.key = pCacheChange->sequenceNumber;
-        if (pCacheChange->data != nullptr)
-            delivery.payload.assign(pCacheChange->data, pCacheChange->data + pCacheChange->dataLength);
-        delivery.lifespan = pCacheChange->lifespan;
-        m_Deliveries.push_back(delivery);
+    int DataReceive(CacheChange* pChange) override {
+        m_Keys.push_back(pChange->sequenceNumber);
+        m_Payloads.emplace_back(pChange->data, pChange->data + (pChange->data ? pChange->dataLength : 0));
+        m_Lifespans.push_back(pChange->lifespan);
         return 0;
     }
     GUID_t getOwnerGuid() override { return m_Owner; }
@@ -80,610 +33,419 @@ public:
     void livelinessChanged(bool bAlive) override { m_Liveliness.push_back(bAlive); }
 
     // The writer numbers carried in the payloads, in order of delivery.
-    std::vector<uint32_t> Numbers() const
-    {
-        std::vector<uint32_t> numbers;
-        for (const Delivery& delivery : m_Deliveries)
-        {
-            uint32_t uiNumber = 0;
-            if (delivery.payload.size() >= 4)
-                memcpy(&uiNumber, delivery.payload.data(), 4);
-            numbers.push_back(uiNumber);
-        }
+    Seq Numbers() const {
+        Seq numbers;
+        for (const std::vector<octet>& payload : m_Payloads)
+            numbers.push_back(payload.size() >= 4 ? *reinterpret_cast<const uint32_t*>(payload.data()) : 0);
         return numbers;
     }
 
-    std::vector<Delivery> m_Deliveries;
+    std::vector<SequenceNumber_t> m_Keys;
+    std::vector<std::vector<octet>> m_Payloads;
+    std::vector<Time_t> m_Lifespans;
     GUID_t m_Owner = GUID_UNKNOWN;
     SequenceNumber_t m_LastSeq;
     std::vector<bool> m_Liveliness;
 };
 
 // Records the ACKNACK sets instead of queueing requests.
-class RecordingReader : public StatefulReader
-{
+class RecordingReader : public StatefulReader {
 public:
     using StatefulReader::StatefulReader;
     std::vector<SequenceNumberSet> m_AckNacks;
 
 private:
-    void SendAckNack(WriterProxy*, const SequenceNumberSet& set) override
-    {
-        m_AckNacks.push_back(set);
-    }
+    void SendAckNack(WriterProxy*, const SequenceNumberSet& set) override { m_AckNacks.push_back(set); }
 };
 
-class RecordingProxy : public WriterProxy
-{
+class RecordingProxy : public WriterProxy {
 public:
-    explicit RecordingProxy(const GUID_t& guid) : WriterProxy(guid, {}, {}) {}
+    using WriterProxy::WriterProxy;
     std::vector<std::pair<SequenceNumber_t, FragmentNumberSet>> m_NackFrags;
 
 private:
     void SendNackFrag(StatefulReader*, RequestScheduler*, const SequenceNumber_t& seqNum,
-                      const FragmentNumberSet& set) override
-    {
+                      const FragmentNumberSet& set) override {
         m_NackFrags.push_back(std::make_pair(seqNum, set));
     }
 };
 
-const EntityId_t WRITER_ID = EntityId_t{{0x00, 0x00, 0x01}, 0x02};
-const EntityId_t OTHER_WRITER_ID = EntityId_t{{0x00, 0x00, 0x02}, 0x02};
-
-GuidPrefix RemotePrefix()
-{
-    GuidPrefix prefix;
-    for (int i = 0; i < 12; ++i)
-        prefix.value[i] = octet(0x40 + i);
-    return prefix;
+GUID_t WriterGuid(const EntityId_t& id = WRITER_ID) {
+    GUID_t guid(GuidPrefix(), id);
+    for (int i = 0; i < 12; ++i) guid.guidPrefix.value[i] = octet(0x40 + i);
+    return guid;
 }
 
-GUID_t WriterGuid(const EntityId_t& id = WRITER_ID)
-{
-    return GUID_t(RemotePrefix(), id);
-}
-
-GUID_t ReaderGuid()
-{
-    GuidPrefix prefix;
-    memset(prefix.value, 7, sizeof(prefix.value));
-    return GUID_t(prefix, EntityId_t{{0x00, 0x00, 0x01}, 0x07});
-}
-
-MessageReceiver Receiver(const Time_t& timestamp = Time_t(100, 0))
-{
+MessageReceiver Receiver(const Time_t& timestamp = Time_t(100, 0)) {
     MessageReceiver receiver;
-    receiver.sourceGuidPrefix = RemotePrefix();
+    receiver.sourceGuidPrefix = WriterGuid().guidPrefix;
     receiver.haveTimestamp = 1;
     receiver.timestamp = timestamp;
     return receiver;
 }
 
-DataSubMessage Data(uint32_t uiSeq, const EntityId_t& writerId = WRITER_ID)
-{
-    DataSubMessage message;
-    memset(&message, 0, sizeof(message));
+DataSubMessage Data(uint32_t uiSeq, const EntityId_t& writerId = WRITER_ID) {
+    DataSubMessage message{};
     message.header.submessageId = DATA;
     message.writerId = writerId;
     message.writerSN = ToWire(SequenceNumber_t(0, uiSeq));
     return message;
 }
 
-heartBeatSubMessage Heartbeat(uint32_t uiFirst, uint32_t uiLast, uint32_t uiCount)
-{
-    heartBeatSubMessage message;
-    memset(&message, 0, sizeof(message));
-    message.header.submessageId = HEARTBEAT;
-    message.writerId = WRITER_ID;
-    message.firstSN = ToWire(SequenceNumber_t(0, uiFirst));
-    message.lastSN = ToWire(SequenceNumber_t(0, uiLast));
-    message.count = uiCount;
-    return message;
+std::vector<octet> Sample(uint32_t uiSize) {
+    std::vector<octet> sample(uiSize);
+    for (uint32_t i = 0; i < uiSize; ++i) sample[i] = octet((i * 7 + i / 251) & 0xFF);
+    return sample;
 }
 
-DataReaderQos Qos(ReliabilityQosPolicyKind reliability)
-{
+DataReaderQos Qos(ReliabilityQosPolicyKind reliability) {
     DataReaderQos qos;
     qos.reliability.kind = reliability;
     return qos;
 }
 
 // A reader wired to its cache and a test sink, with one matched writer.
-struct Fixture
-{
+struct Fixture {
     explicit Fixture(const DataReaderQos& qos, uint32_t uiCapacity = 16,
                      const std::string& strTopic = "Square")
-        : cache(uiCapacity), reader(ReaderGuid(), qos, nullptr)
-    {
+        : cache(uiCapacity), reader(GUID_t(GuidPrefix(), EntityId_t{{0, 0, 1}, 7}), qos, nullptr) {
         cache.SetTopic(0, strTopic);
         reader.setReaderCache(&cache);
         reader.setDataReader(&sink);
-        pProxy = new RecordingProxy(WriterGuid());
+        pProxy = new RecordingProxy(WriterGuid(), std::list<Locator_t>(), std::list<Locator_t>());
         reader.matched_writer_add(pProxy);
     }
 
     // Sends DATA whose payload is the number itself.
-    int Send(uint32_t uiSeq, const Time_t& timestamp = Time_t(100, 0))
-    {
-        return reader.DataMessageReceive(Receiver(timestamp), Data(uiSeq), std::list<Parameter>(),
+    int Send(uint32_t uiSeq, const Time_t& stamp = Time_t(100, 0), const EntityId_t& writerId = WRITER_ID) {
+        return reader.DataMessageReceive(Receiver(stamp), Data(uiSeq, writerId), {},
                                          reinterpret_cast<const octet*>(&uiSeq), sizeof(uiSeq));
+    }
+    // Sends fragment uiNumber of `sample` as writer number uiSeq.
+    int SendFragment(uint32_t uiSeq, const std::vector<octet>& sample, uint32_t uiNumber) {
+        const uint32_t uiOffset = (uiNumber - 1) * FRAGMENT_SIZE;
+        const dataFrag fragment = {uiNumber, 1, uint16_t(FRAGMENT_SIZE), uint32_t(sample.size())};
+        return reader.DataFragMessageReceive(
+            Receiver(), Data(uiSeq), fragment, {}, sample.data() + uiOffset,
+            std::min<uint32_t>(uint32_t(sample.size()) - uiOffset, FRAGMENT_SIZE));
+    }
+    int Heartbeat(uint32_t uiFirst, uint32_t uiLast, uint32_t uiCount,
+                  const EntityId_t& writerId = WRITER_ID) {
+        heartBeatSubMessage message{};
+        message.writerId = writerId;
+        message.firstSN = ToWire(SequenceNumber_t(0, uiFirst));
+        message.lastSN = ToWire(SequenceNumber_t(0, uiLast));
+        message.count = uiCount;
+        return reader.HeartBeatMessageReceive(Receiver(), message);
+    }
+    const CacheChange* Store(uint32_t uiSeq) {
+        auto it = pProxy->getChangesFromWriter().find(SequenceNumber_t(0, uiSeq));
+        return it == pProxy->getChangesFromWriter().end() ? nullptr : it->second.change;
     }
 
     HistoryCache cache;
     TestSink sink;
     RecordingReader reader;
-    RecordingProxy* pProxy; // owned by the reader
+    RecordingProxy* pProxy;  // owned by the reader
 };
+}  // namespace
 
-std::vector<uint32_t> Seq(std::initializer_list<uint32_t> values)
-{
-    return std::vector<uint32_t>(values);
-}
-} // namespace
+// ---------------------------------------------------------------- DATA
 
-// ---------------------------------------------------------------- reliable DATA
-
-TEST(StatefulReader_Reliable, DeliversInSequenceAndParksWhatComesEarly)
-{
+TEST(StatefulReader_Reliable, DeliversInSequenceParksWhatComesEarlyAndRefusesOldNumbers) {
+    LogRecorder logs;
     Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
     EXPECT_EQ(0, f.Send(1));
-    EXPECT_EQ(Seq({1}), f.sink.Numbers());
+    EXPECT_EQ(1, f.Send(1));
+    EXPECT_EQ(1, logs.Count("[StatefulReader::DataMessageReceive] maxAvailableNum(1) >= "
+                            "DataMessage.WriterSN(1) and TopicName = Square"));
     EXPECT_EQ(0, f.Send(3));
+    EXPECT_EQ(0, f.Send(3));  // a second copy of a parked number replaces the first
     EXPECT_EQ(Seq({1}), f.sink.Numbers());
     EXPECT_EQ(SequenceNumber_t(0, 3), f.sink.m_LastSeq);
     EXPECT_EQ(0, f.Send(2));
     EXPECT_EQ(Seq({1, 2, 3}), f.sink.Numbers());
     EXPECT_EQ(SequenceNumber_t(0, 3), f.pProxy->getAvailableSeqNum());
+    // Cache keys count deliveries from 1, whatever the source timestamp.
+    EXPECT_EQ(std::vector<SequenceNumber_t>({{0, 1}, {0, 2}, {0, 3}}), f.sink.m_Keys);
     EXPECT_EQ(3u, f.cache.GetChangeCount());
-    // Cache keys count deliveries from 1.
-    EXPECT_EQ(SequenceNumber_t(0, 1), f.sink.m_Deliveries[0].key);
-    EXPECT_EQ(SequenceNumber_t(0, 3), f.sink.m_Deliveries[2].key);
-}
-
-TEST(StatefulReader_Reliable, DuplicateAndOldDataAreRefused)
-{
-    ReaderLogCapture logs;
-    Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
-    f.Send(1);
-    EXPECT_EQ(1, f.Send(1));
-    EXPECT_EQ(Seq({1}), f.sink.Numbers());
-    EXPECT_EQ(1, logs.Count("[StatefulReader::DataMessageReceive] maxAvailableNum(1) >= "
-                            "DataMessage.WriterSN(1) and TopicName = Square"));
-
-    // A second copy of a parked number replaces the first and is delivered once.
-    f.Send(3);
-    f.Send(3);
-    f.Send(2);
-    EXPECT_EQ(Seq({1, 2, 3}), f.sink.Numbers());
-    EXPECT_EQ(1, f.Send(3));
 
     // A writer that is not matched is ignored without a word.
     const size_t uiLogs = logs.Entries().size();
-    uint32_t uiSeq = 4;
-    EXPECT_EQ(0, f.reader.DataMessageReceive(Receiver(), Data(4, OTHER_WRITER_ID), {},
-                                             reinterpret_cast<const octet*>(&uiSeq), 4));
-    EXPECT_EQ(3u, f.sink.m_Deliveries.size());
+    EXPECT_EQ(0, f.Send(4, Time_t(100, 0), OTHER_WRITER_ID));
+    EXPECT_EQ(3u, f.sink.m_Keys.size());
     EXPECT_EQ(uiLogs, logs.Entries().size());
+    f.Send(6);  // parked changes go with the reader (the leak checker watches)
 }
 
-TEST(StatefulReader_Reliable, FullCacheDropsTheOldestKeyWithALog)
-{
-    ReaderLogCapture logs;
-    Fixture f(Qos(RELIABLE_RELIABILITY_QOS), 2);
-    f.Send(1);
-    f.Send(2);
-    f.Send(3);
-    EXPECT_EQ(2u, f.cache.GetChangeCount());
-    EXPECT_EQ(SequenceNumber_t(0, 2), f.cache.GetSeqNumMin());
-    EXPECT_EQ(1, logs.Count("[StatefulReader::ReliableDataMessageReceive] [1] TopicName = Square : "
-                            "HistoryCache is Full,delete old Sn 1 and insert new Sn 3"));
-}
-
-TEST(StatefulReader_Reliable, ParkedChangesGoWithTheReader)
-{
-    // The leak checker sees whether parked changes are freed.
-    Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
-    f.Send(5);
-    f.Send(7);
-    EXPECT_TRUE(f.sink.m_Deliveries.empty());
-}
-
-// ---------------------------------------------------------------- best effort
-
-TEST(StatefulReader_BestEffort, DeliversEverythingInOrderOfArrival)
-{
+TEST(StatefulReader_BestEffort, DeliversEverythingInOrderOfArrival) {
     Fixture f(Qos(BEST_EFFORT_RELIABILITY_QOS));
-    for (uint32_t uiSeq : {3u, 1u, 2u, 2u})
-        EXPECT_EQ(0, f.Send(uiSeq));
-    EXPECT_EQ(Seq({3, 1, 2, 2}), f.sink.Numbers());
-    EXPECT_EQ(4u, f.cache.GetChangeCount());
-    EXPECT_EQ(SequenceNumber_t(0, 2), f.sink.m_LastSeq);
-    // No matched writer needed either.
-    uint32_t uiSeq = 9;
-    f.reader.DataMessageReceive(Receiver(), Data(9, OTHER_WRITER_ID), {},
-                                reinterpret_cast<const octet*>(&uiSeq), 4);
+    for (uint32_t uiSeq : {3u, 1u, 2u, 2u}) EXPECT_EQ(0, f.Send(uiSeq));
+    f.Send(9, Time_t(100, 0), OTHER_WRITER_ID);  // no matched writer needed either
     EXPECT_EQ(Seq({3, 1, 2, 2, 9}), f.sink.Numbers());
+    EXPECT_EQ(5u, f.cache.GetChangeCount());
 }
 
-TEST(StatefulReader_BestEffort, FullCacheDropsTheOldestWithoutALog)
-{
-    ReaderLogCapture logs;
-    Fixture f(Qos(BEST_EFFORT_RELIABILITY_QOS), 2);
-    f.Send(1);
-    f.Send(2);
-    f.Send(3);
-    EXPECT_EQ(Seq({1, 2, 3}), f.sink.Numbers());
-    EXPECT_EQ(2u, f.cache.GetChangeCount());
-    EXPECT_EQ(SequenceNumber_t(0, 2), f.cache.GetSeqNumMin());
-    EXPECT_EQ(0, logs.Count("HistoryCache is Full"));
+TEST(StatefulReader, FullCacheDropsTheOldestKeyAndOnlyTheReliableReaderLogsIt) {
+    for (ReliabilityQosPolicyKind kind : {RELIABLE_RELIABILITY_QOS, BEST_EFFORT_RELIABILITY_QOS}) {
+        LogRecorder logs;
+        Fixture f(Qos(kind), 2);
+        for (uint32_t uiSeq : {1u, 2u, 3u}) f.Send(uiSeq);
+        EXPECT_EQ(Seq({1, 2, 3}), f.sink.Numbers());
+        EXPECT_EQ(2u, f.cache.GetChangeCount());
+        EXPECT_EQ(SequenceNumber_t(0, 2), f.cache.GetSeqNumMin());
+        const std::vector<std::string> texts = logs.Texts();
+        EXPECT_EQ(kind == RELIABLE_RELIABILITY_QOS ? 1 : 0,
+                  std::count_if(texts.begin(), texts.end(), [](const std::string& s) {
+                      return s.find("HistoryCache is Full") != std::string::npos;
+                  }));
+        if (kind == RELIABLE_RELIABILITY_QOS) {
+            EXPECT_EQ(1, logs.Count("[StatefulReader::ReliableDataMessageReceive] [1] TopicName = Square : "
+                                    "HistoryCache is Full,delete old Sn 1 and insert new Sn 3"));
+        }
+    }
 }
 
-// ---------------------------------------------------------------- cache key, QoS
+// ---------------------------------------------------------------- QoS
 
-TEST(StatefulReader_CacheKey, BySourceTimestampOrdersTheCacheByTime)
-{
+TEST(StatefulReader_Qos, BySourceTimestampKeysTheCacheByTimeAndKeepsTheFirstOfATie) {
     DataReaderQos qos = Qos(BEST_EFFORT_RELIABILITY_QOS);
     qos.destination_order.kind = BY_SOURCE_TIMESTAMP_DESTINATIONORDER_QOS;
     Fixture f(qos);
     f.Send(1, Time_t(5, 100));
     f.Send(2, Time_t(3, 7));
-    EXPECT_EQ(SequenceNumber_t(5, 100), f.sink.m_Deliveries[0].key);
-    EXPECT_EQ(SequenceNumber_t(3, 7), f.cache.GetSeqNumMin());
-    EXPECT_EQ(SequenceNumber_t(5, 100), f.cache.GetSeqNumMax());
-
-    // One timestamp twice: the cache keeps the first, the second still reaches the sink.
-    f.Send(3, Time_t(5, 100));
+    f.Send(3, Time_t(5, 100));  // the cache keeps the first, the second still reaches the sink
     EXPECT_EQ(Seq({1, 2, 3}), f.sink.Numbers());
+    EXPECT_EQ(SequenceNumber_t(5, 100), f.sink.m_Keys[0]);
     EXPECT_EQ(2u, f.cache.GetChangeCount());
-    uint32_t uiKept = 0;
-    memcpy(&uiKept, f.cache.GetChange(SequenceNumber_t(5, 100))->data, 4);
-    EXPECT_EQ(1u, uiKept);
+    EXPECT_EQ(SequenceNumber_t(3, 7), f.cache.GetSeqNumMin());
+    EXPECT_EQ(1u, *reinterpret_cast<const uint32_t*>(f.cache.GetChange(SequenceNumber_t(5, 100))->data));
 }
 
-TEST(StatefulReader_CacheKey, ByReceptionCountsFromOne)
-{
-    Fixture f(Qos(BEST_EFFORT_RELIABILITY_QOS));
-    f.Send(40, Time_t(9, 0));
-    f.Send(41, Time_t(1, 0));
-    EXPECT_EQ(SequenceNumber_t(0, 1), f.sink.m_Deliveries[0].key);
-    EXPECT_EQ(SequenceNumber_t(0, 2), f.sink.m_Deliveries[1].key);
-}
-
-TEST(StatefulReader_Qos, ExclusiveOwnershipDropsNonOwnersSilently)
-{
-    ReaderLogCapture logs;
+TEST(StatefulReader_Qos, ExclusiveOwnershipDropsNonOwnersSilently) {
+    LogRecorder logs;
     DataReaderQos qos = Qos(BEST_EFFORT_RELIABILITY_QOS);
     qos.ownership.kind = EXCLUSIVE_OWNERSHIP_QOS;
     Fixture f(qos);
     EXPECT_EQ(0, f.Send(1));
-    EXPECT_TRUE(f.sink.m_Deliveries.empty());
+    EXPECT_TRUE(f.sink.m_Keys.empty());
     EXPECT_TRUE(logs.Entries().empty());
     f.sink.m_Owner = WriterGuid();
     f.Send(2);
     EXPECT_EQ(Seq({2}), f.sink.Numbers());
 }
 
-TEST(StatefulReader_Qos, LifespanComesFromTheProxyExceptOnBuiltinTopics)
-{
-    DataWriterQos writerQos;
-    writerQos.lifespan.duration = Duration_t(3, 0);
-    {
-        Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
-        f.pProxy->setWriterData(writerQos);
-        f.Send(1);
-        ASSERT_EQ(1u, f.sink.m_Deliveries.size());
-        EXPECT_EQ(Duration_t(3, 0), f.sink.m_Deliveries[0].lifespan);
-    }
-    {
-        Fixture f(Qos(RELIABLE_RELIABILITY_QOS), 16, "DCPSPublication");
-        f.pProxy->setWriterData(writerQos);
-        f.Send(1);
-        ASSERT_EQ(1u, f.sink.m_Deliveries.size());
-        EXPECT_EQ(DURATION_INFINITE, f.sink.m_Deliveries[0].lifespan);
-    }
-}
-
-TEST(StatefulReader_Qos, LivelinessChecksReportTransitionsToTheSink)
-{
+TEST(StatefulReader_Qos, LifespanFromTheProxyAndLivelinessTransitions) {
     DataReaderQos qos = Qos(RELIABLE_RELIABILITY_QOS);
     qos.liveliness.kind = MANUAL_BY_PARTICIPANT_LIVELINESS_QOS;
     qos.liveliness.lease_duration = Duration_t(2, 0);
     Fixture f(qos);
+    DataWriterQos writerQos;
+    writerQos.lifespan.duration = Duration_t(3, 0);
+    f.pProxy->setWriterData(writerQos);
+    f.Send(1);
+    EXPECT_EQ(std::vector<Time_t>({Duration_t(3, 0)}), f.sink.m_Lifespans);
+
+    // Liveliness reports transitions only; an assertion of a lower kind does nothing.
     f.pProxy->setLastAliveTime(Time_t(10, 0));
-    f.reader.checkLiveliness(Time_t(11, 0));
-    f.reader.checkLiveliness(Time_t(13, 0));
-    f.reader.checkLiveliness(Time_t(14, 0));
-    // An assertion of a lower kind than the reader's does nothing.
+    for (int32_t sec : {11, 13, 14}) f.reader.checkLiveliness(Time_t(sec, 0));
     f.reader.assertLiveliness(WriterGuid(), Time_t(14, 0), 0);
     f.reader.assertLiveliness(WriterGuid(), Time_t(14, 0), 1);
     EXPECT_EQ(std::vector<bool>({false, true}), f.sink.m_Liveliness);
     EXPECT_EQ(Time_t(14, 0), f.pProxy->getLastAliveTime());
+
+    // On a built-in topic the lifespan stays infinite.
+    Fixture builtin(Qos(RELIABLE_RELIABILITY_QOS), 16, "DCPSPublication");
+    builtin.pProxy->setWriterData(writerQos);
+    builtin.Send(1);
+    EXPECT_EQ(std::vector<Time_t>({DURATION_INFINITE}), builtin.sink.m_Lifespans);
 }
 
-// ---------------------------------------------------------------- matching
+// ---------------------------------------------------------------- matching, second cache
 
-TEST(StatefulReader_Matching, AddLookupRemove)
-{
-    ReaderLogCapture logs;
-    HistoryCache cache(4);
-    cache.SetTopic(0, "Square");
-    StatefulReader reader(ReaderGuid(), Qos(RELIABLE_RELIABILITY_QOS), nullptr);
+TEST(StatefulReader_Matching, AddLookupRemoveAndTheSecondCache) {
+    LogRecorder logs;
+    HistoryCache cache(7);
+    cache.SetTopic(9, "Square");
+    StatefulReader reader(GUID_UNKNOWN, Qos(RELIABLE_RELIABILITY_QOS), nullptr);
     reader.setReaderCache(&cache);
+    HistoryCache* pSecond = reader.getSecondCache();  // made like the reader cache
+    ASSERT_TRUE(pSecond != nullptr && pSecond != &cache);
+    EXPECT_EQ(7u, pSecond->GetCapacity());
+    EXPECT_EQ(9u, pSecond->GetDomainId());
+    EXPECT_EQ("Square", pSecond->GetTopicName());
+    reader.setReaderCache(&cache);  // replaced, not lost (the leak checker watches)
 
     WriterProxy* pProxy = new WriterProxy(WriterGuid(), {}, {});
     EXPECT_EQ(0, reader.matched_writer_add(pProxy));
     EXPECT_EQ(pProxy, reader.matched_writer_lookup(WriterGuid()));
-
     WriterProxy again(WriterGuid(), {}, {});
     EXPECT_EQ(1, reader.matched_writer_add(&again));
-    EXPECT_EQ(1, logs.Count("[StatefulReader::matched_writer_add]  pWriterProxy Readd and "
-                            "TopicName = Square"));
     testing::internal::CaptureStdout();
     EXPECT_EQ(1, reader.matched_writer_add(nullptr));
     EXPECT_EQ("err\n", testing::internal::GetCapturedStdout());
-
     EXPECT_EQ(nullptr, reader.matched_writer_lookup(WriterGuid(OTHER_WRITER_ID)));
-    EXPECT_EQ(1, logs.Count("[StatefulReader::matched_writer_lookup] m_MatchedWriter.count == 0 "
-                            "and TopicName = Square"));
-
     EXPECT_EQ(1, reader.matched_writer_remove(nullptr));
-    EXPECT_EQ(1, logs.Count("[StatefulReader::matched_writer_remove] pWriterProxy = NULL and "
-                            "TopicName = Square"));
     WriterProxy stranger(WriterGuid(OTHER_WRITER_ID), {}, {});
     EXPECT_EQ(1, reader.matched_writer_remove(&stranger));
-    EXPECT_EQ(1, logs.Count("[StatefulReader::matched_writer_remove] m_MatchedWriter.count and "
-                            "TopicName = Square"));
-
     EXPECT_EQ(0, reader.matched_writer_remove(pProxy));
     EXPECT_EQ(0u, reader.getMatchedWriterCount());
-    bool bRemoveLogged = false;
-    for (const LogEntry& entry : logs.Entries())
-        if (entry.text.rfind("[StatefulReader::matched_reader_remove] [1] pWriterProxy = ", 0) == 0)
-            bRemoveLogged = entry.code == DDSLOG_ERROR;
-    EXPECT_TRUE(bRemoveLogged);
+
+    std::vector<std::string> texts = logs.Texts();
+    ASSERT_EQ(5u, texts.size());
+    EXPECT_EQ(0u, texts[4].rfind("[StatefulReader::matched_reader_remove] [1] pWriterProxy = ", 0));
+    EXPECT_EQ(DDSLOG_ERROR, logs.Entries()[4].code);
+    texts.pop_back();
+    EXPECT_EQ(
+        std::vector<std::string>(
+            {"[StatefulReader::matched_writer_add]  pWriterProxy Readd and TopicName = Square",
+             "[StatefulReader::matched_writer_lookup] m_MatchedWriter.count == 0 and TopicName = Square",
+             "[StatefulReader::matched_writer_remove] pWriterProxy = NULL and TopicName = Square",
+             "[StatefulReader::matched_writer_remove] m_MatchedWriter.count and TopicName = Square"}),
+        texts);
 }
 
 // ---------------------------------------------------------------- HEARTBEAT, GAP
 
-TEST(StatefulReader_Heartbeat, AnswersWithTheMissingSet)
-{
-    Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
-    f.Send(2);
-    EXPECT_EQ(0, f.reader.HeartBeatMessageReceive(Receiver(), Heartbeat(1, 5, 4)));
-    EXPECT_EQ(4u, f.pProxy->getHeartbeatCount());
-    ASSERT_EQ(1u, f.reader.m_AckNacks.size());
-    const SequenceNumberSet& set = f.reader.m_AckNacks[0];
-    EXPECT_EQ(SequenceNumber_t(0, 1), set.bitmapBase);
-    EXPECT_EQ(5u, set.numBits);
-    EXPECT_EQ(0xB8000000u, set.bitmap[0]); // 1, 3, 4, 5
+TEST(StatefulReader_Heartbeat, AnswersWithTheMissingSet) {
+    struct Case {
+        Seq received;
+        uint32_t uiFirst, uiLast, uiCount;
+        size_t uiAckNacks;
+        uint32_t uiBase, uiBits, uiBitmap;
+    };
+    const Case aCases[] = {
+        {{2}, 1, 5, 4, 1, 1, 5, 0xB8000000u},  // 1, 3, 4, 5
+        {{1, 2}, 1, 2, 1, 1, 3, 0, 0},         // nothing missing still gets an ACKNACK
+        {{}, 1, 0, 7, 0, 0, 0, 0},             // an empty writer only stores the count
+    };
+    for (const Case& c : aCases) {
+        SCOPED_TRACE(c.uiCount);
+        Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
+        for (uint32_t uiSeq : c.received) f.Send(uiSeq);
+        EXPECT_EQ(0, f.Heartbeat(c.uiFirst, c.uiLast, c.uiCount));
+        EXPECT_EQ(c.uiCount, f.pProxy->getHeartbeatCount());
+        ASSERT_EQ(c.uiAckNacks, f.reader.m_AckNacks.size());
+        for (const SequenceNumberSet& set : f.reader.m_AckNacks) {
+            EXPECT_EQ(SequenceNumber_t(0, c.uiBase), set.bitmapBase);
+            EXPECT_EQ(c.uiBits, set.numBits);
+            EXPECT_EQ(c.uiBitmap, c.uiBits == 0 ? 0 : set.bitmap[0]);
+        }
+    }
 }
 
-TEST(StatefulReader_Heartbeat, FinalHeartbeatWithNothingMissingStillGetsAnAckNack)
-{
+TEST(StatefulReader_Heartbeat, UnknownWriterIsLoggedAndDeclaredLossOrGapFreesParkedChanges) {
+    LogRecorder logs;
     Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
-    f.Send(1);
-    f.Send(2);
-    f.reader.HeartBeatMessageReceive(Receiver(), Heartbeat(1, 2, 1));
-    ASSERT_EQ(1u, f.reader.m_AckNacks.size());
-    EXPECT_EQ(0u, f.reader.m_AckNacks[0].numBits);
-    EXPECT_EQ(SequenceNumber_t(0, 3), f.reader.m_AckNacks[0].bitmapBase);
-}
-
-TEST(StatefulReader_Heartbeat, EmptyWriterOnlyStoresTheCount)
-{
-    Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
-    EXPECT_EQ(0, f.reader.HeartBeatMessageReceive(Receiver(), Heartbeat(1, 0, 7)));
-    EXPECT_EQ(7u, f.pProxy->getHeartbeatCount());
-    EXPECT_TRUE(f.pProxy->getChangesFromWriter().empty());
-    EXPECT_TRUE(f.reader.m_AckNacks.empty());
-}
-
-TEST(StatefulReader_Heartbeat, UnknownWriterIsLogged)
-{
-    ReaderLogCapture logs;
-    Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
-    heartBeatSubMessage message = Heartbeat(1, 1, 3);
-    message.writerId = OTHER_WRITER_ID;
-    EXPECT_EQ(0, f.reader.HeartBeatMessageReceive(Receiver(), message));
+    EXPECT_EQ(0, f.Heartbeat(1, 1, 3, OTHER_WRITER_ID));
     EXPECT_EQ(1, logs.Count("[StatefulReader::HeartBeatMessageReceive]  NULL == pWriterProxy "
                             "TopicName =Square  Count = 3 "));
     EXPECT_TRUE(f.reader.m_AckNacks.empty());
-}
 
-TEST(StatefulReader_Heartbeat, FirstNumberPastAGapLetsTheParkedChangeGo)
-{
-    Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
     f.Send(3);
-    f.reader.HeartBeatMessageReceive(Receiver(), Heartbeat(3, 3, 1));
+    f.Heartbeat(3, 3, 1);  // 1 and 2 are lost
     EXPECT_EQ(SequenceNumber_t(0, 2), f.pProxy->getAvailableSeqNum());
-    // The next heartbeat (or DATA) delivers what the declared loss set free.
-    f.reader.HeartBeatMessageReceive(Receiver(), Heartbeat(3, 3, 2));
+    f.Heartbeat(3, 3, 2);  // the next heartbeat (or DATA) delivers what the loss set free
     EXPECT_EQ(Seq({3}), f.sink.Numbers());
     EXPECT_EQ(0u, f.reader.m_AckNacks.back().numBits);
     EXPECT_EQ(SequenceNumber_t(0, 4), f.reader.m_AckNacks.back().bitmapBase);
-}
 
-TEST(StatefulReader_Gap, GapBeforeAParkedNumberLetsItGo)
-{
-    Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
-    f.Send(1);
-    f.Send(2);
-    f.Send(3);
     f.Send(7);
-    stGapSubMessage gap;
-    memset(&gap, 0, sizeof(gap));
+    stGapSubMessage gap{};
     gap.writerId = WRITER_ID;
     gap.gapStart = ToWire(SequenceNumber_t(0, 4));
     gap.gapList.bitmapBase = ToWire(SequenceNumber_t(0, 7));
     EXPECT_EQ(0, f.reader.GapMessageReceive(Receiver(), gap));
-    EXPECT_EQ(Seq({1, 2, 3, 7}), f.sink.Numbers());
+    EXPECT_EQ(Seq({3, 7}), f.sink.Numbers());
     EXPECT_TRUE(f.pProxy->getChangesFromWriter().empty());
 }
 
 // ---------------------------------------------------------------- DATA_FRAG
 
-namespace
-{
-dataFrag Fragment(uint32_t uiNumber, uint32_t uiSampleSize, uint16_t usSize = uint16_t(FRAGMENT_SIZE))
-{
-    dataFrag fragment;
-    fragment.fragmentStartingNum = uiNumber;
-    fragment.fragmentsInSubmessage = 1;
-    fragment.fragmentSize = usSize;
-    fragment.sampleSize = uiSampleSize;
-    return fragment;
-}
-
-std::vector<octet> Sample(uint32_t uiSize)
-{
-    std::vector<octet> sample(uiSize);
-    for (uint32_t i = 0; i < uiSize; ++i)
-        sample[i] = octet((i * 7 + i / 251) & 0xFF);
-    return sample;
-}
-
-// Sends fragment uiNumber of `sample` as writer number uiSeq.
-int SendFragment(StatefulReader& reader, uint32_t uiSeq, const std::vector<octet>& sample,
-                 uint32_t uiNumber, const EntityId_t& writerId = WRITER_ID)
-{
-    const uint32_t uiOffset = (uiNumber - 1) * FRAGMENT_SIZE;
-    uint32_t uiLength = uint32_t(sample.size()) - uiOffset;
-    if (uiLength > FRAGMENT_SIZE)
-        uiLength = FRAGMENT_SIZE;
-    return reader.DataFragMessageReceive(Receiver(), Data(uiSeq, writerId),
-                                         Fragment(uiNumber, uint32_t(sample.size())), {},
-                                         sample.data() + uiOffset, uiLength);
-}
-
-const CacheChange* Store(const WriterProxy& proxy, uint32_t uiSeq)
-{
-    auto it = proxy.getChangesFromWriter().find(SequenceNumber_t(0, uiSeq));
-    return it == proxy.getChangesFromWriter().end() ? nullptr : it->second.change;
-}
-} // namespace
-
-TEST(StatefulReader_Fragments, ExactMultipleCountsOneTooManyAndCompletesOnTwo)
-{
+TEST(StatefulReader_Fragments, ExactMultipleCountsOneTooManyAndAHeartbeatAsksForTheRest) {
     Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
     const std::vector<octet> sample = Sample(2 * FRAGMENT_SIZE);
-    EXPECT_EQ(0, SendFragment(f.reader, 1, sample, 2));
-    const CacheChange* pStore = Store(*f.pProxy, 1);
+    EXPECT_EQ(0, f.SendFragment(1, sample, 2));
+    const CacheChange* pStore = f.Store(1);
     ASSERT_NE(nullptr, pStore);
     EXPECT_EQ(3u, pStore->fragmentCount);
     EXPECT_EQ(2u, pStore->highestFragment);
     EXPECT_EQ(std::set<uint16_t>({1}), pStore->missingFragments);
-    EXPECT_TRUE(f.sink.m_Deliveries.empty());
-
-    EXPECT_EQ(0, SendFragment(f.reader, 1, sample, 1));
-    ASSERT_EQ(1u, f.sink.m_Deliveries.size());
-    EXPECT_EQ(sample, f.sink.m_Deliveries[0].payload);
+    EXPECT_TRUE(f.sink.m_Keys.empty());
+    EXPECT_EQ(0, f.SendFragment(1, sample, 1));  // complete on two
+    EXPECT_EQ(std::vector<std::vector<octet>>({sample}), f.sink.m_Payloads);
     EXPECT_EQ(SequenceNumber_t(0, 1), f.pProxy->getAvailableSeqNum());
-    // The reassembled change carries no INFO_TS time.
-    EXPECT_EQ(Time_t(0, 0), f.cache.GetChange(SequenceNumber_t(0, 1))->sourceTimestamp);
+    EXPECT_EQ(Time_t(0, 0), f.cache.GetChange(SequenceNumber_t(0, 1))->sourceTimestamp);  // no INFO_TS time
+
+    f.SendFragment(2, sample, 1);
+    testing::internal::CaptureStdout();
+    f.Heartbeat(1, 2, 1);
+    EXPECT_EQ("loss Frag Data 2 Seq = 2\nloss Frag Data 3 Seq = 2\n", testing::internal::GetCapturedStdout());
+    ASSERT_EQ(1u, f.pProxy->m_NackFrags.size());
+    EXPECT_EQ(SequenceNumber_t(0, 2), f.pProxy->m_NackFrags[0].first);
+    EXPECT_EQ(2u, f.pProxy->m_NackFrags[0].second.bitmapBase);
+    EXPECT_EQ(2u,
+              f.pProxy->m_NackFrags[0].second.numBits);  // fragment 3 does not exist, asked for all the same
+    ASSERT_EQ(1u, f.reader.m_AckNacks.size());
+    EXPECT_EQ(1u, f.reader.m_AckNacks[0].numBits);  // the sample under reassembly is missing too
 }
 
-TEST(StatefulReader_Fragments, OutOfOrderFragmentsReassembleInOrderOfNumbers)
-{
-    Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
-    const std::vector<octet> sample = Sample(3 * FRAGMENT_SIZE - 100);
-    const std::vector<octet> small = Sample(16);
-    SendFragment(f.reader, 2, sample, 3);
-    SendFragment(f.reader, 2, sample, 1);
-    EXPECT_EQ(std::set<uint16_t>({2}), Store(*f.pProxy, 2)->missingFragments);
-    SendFragment(f.reader, 2, sample, 2);
-    EXPECT_TRUE(f.sink.m_Deliveries.empty()); // complete, parked behind number 1
-    f.reader.DataMessageReceive(Receiver(), Data(1), {}, small.data(), uint32_t(small.size()));
-    ASSERT_EQ(2u, f.sink.m_Deliveries.size());
-    EXPECT_EQ(small, f.sink.m_Deliveries[0].payload);
-    EXPECT_EQ(sample, f.sink.m_Deliveries[1].payload);
-}
-
-TEST(StatefulReader_Fragments, MalformedFragmentsAreIgnoredSafely)
-{
+TEST(StatefulReader_Fragments, MalformedFragmentsAreIgnoredSafely) {
     Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
     const std::vector<octet> sample = Sample(FRAGMENT_SIZE + 1000);
-    std::vector<octet> oversized(FRAGMENT_SIZE, 0xAB);
-
+    const std::vector<octet> oversized(FRAGMENT_SIZE, 0xAB);
+    auto send = [&](uint32_t uiNumber, uint32_t uiSampleSize, uint16_t usSize = uint16_t(FRAGMENT_SIZE)) {
+        return f.reader.DataFragMessageReceive(Receiver(), Data(1),
+                                               dataFrag{uiNumber, 1, usSize, uiSampleSize}, {},
+                                               oversized.data(), uint32_t(oversized.size()));
+    };
     // Offset beyond the sample, a zero fragment size, fragment number 0.
-    EXPECT_EQ(0, f.reader.DataFragMessageReceive(Receiver(), Data(1), Fragment(5, 100000), {},
-                                                 oversized.data(), uint32_t(oversized.size())));
-    EXPECT_EQ(0, f.reader.DataFragMessageReceive(Receiver(), Data(1), Fragment(1, 100000, 0), {},
-                                                 oversized.data(), uint32_t(oversized.size())));
-    EXPECT_EQ(0, f.reader.DataFragMessageReceive(Receiver(), Data(1), Fragment(0, 100000), {},
-                                                 oversized.data(), uint32_t(oversized.size())));
+    EXPECT_EQ(0, send(5, 100000));
+    EXPECT_EQ(0, send(1, 100000, 0));
+    EXPECT_EQ(0, send(0, 100000));
     EXPECT_TRUE(f.pProxy->getChangesFromWriter().empty());
 
-    // A last fragment longer than what is left of the sample is cut to fit.
-    EXPECT_EQ(0, f.reader.DataFragMessageReceive(Receiver(), Data(1),
-                                                 Fragment(2, uint32_t(sample.size())), {},
-                                                 oversized.data(), uint32_t(oversized.size())));
-    // A later fragment announcing a larger sample cannot reach past the store.
-    EXPECT_EQ(0, f.reader.DataFragMessageReceive(Receiver(), Data(1), Fragment(3, 4 * FRAGMENT_SIZE),
-                                                 {}, oversized.data(), uint32_t(oversized.size())));
-    const CacheChange* pStore = Store(*f.pProxy, 1);
+    // A last fragment longer than what is left of the sample is cut to fit; a
+    // later fragment announcing a larger sample cannot reach past the store.
+    EXPECT_EQ(0, send(2, uint32_t(sample.size())));
+    EXPECT_EQ(0, send(3, 4 * FRAGMENT_SIZE));
+    const CacheChange* pStore = f.Store(1);
     ASSERT_NE(nullptr, pStore);
     EXPECT_EQ(2u, pStore->highestFragment);
     EXPECT_EQ(0xAB, pStore->data[pStore->dataLength - 1]);
-
-    SendFragment(f.reader, 1, sample, 1);
-    ASSERT_EQ(1u, f.sink.m_Deliveries.size());
-    EXPECT_EQ(sample.size(), f.sink.m_Deliveries[0].payload.size());
+    f.SendFragment(1, sample, 1);
+    ASSERT_EQ(1u, f.sink.m_Payloads.size());
+    EXPECT_EQ(sample.size(), f.sink.m_Payloads[0].size());
 }
 
-TEST(StatefulReader_Fragments, OldNumbersAndNonOwnersAreRefusedWithALog)
-{
-    ReaderLogCapture logs;
+TEST(StatefulReader_Fragments, OldNumbersAndNonOwnersAreRefusedWithALog) {
+    LogRecorder logs;
     DataReaderQos qos = Qos(RELIABLE_RELIABILITY_QOS);
     qos.ownership.kind = EXCLUSIVE_OWNERSHIP_QOS;
     Fixture f(qos);
     const std::vector<octet> sample = Sample(FRAGMENT_SIZE + 10);
-    EXPECT_EQ(0, SendFragment(f.reader, 1, sample, 1));
-    EXPECT_EQ(1, logs.Count("[StatefulReader::DataFragMessageReceive] OwnerShip error "
-                            "TopicName =Square  Seq = 1 "));
+    EXPECT_EQ(0, f.SendFragment(1, sample, 1));
     f.sink.m_Owner = WriterGuid();
-    SendFragment(f.reader, 1, sample, 1);
-    SendFragment(f.reader, 1, sample, 2);
-    ASSERT_EQ(1u, f.sink.m_Deliveries.size());
-    EXPECT_EQ(1, SendFragment(f.reader, 1, sample, 2));
+    for (uint32_t uiNumber : {1u, 2u}) f.SendFragment(1, sample, uiNumber);
+    ASSERT_EQ(1u, f.sink.m_Keys.size());
+    EXPECT_EQ(1, f.SendFragment(1, sample, 2));
+    EXPECT_EQ(1, logs.Count(
+                     "[StatefulReader::DataFragMessageReceive] OwnerShip error TopicName =Square  Seq = 1 "));
     EXPECT_EQ(1, logs.Count("[StatefulReader::DataFragMessageReceive] maxAvailableNum(1) >= "
                             "DataFragMessage.WriterSN(1) TopicName = Square"));
 }
 
-TEST(StatefulReader_Fragments, BestEffortDeliversCompleteSamplesAndKeepsThreeUnderWay)
-{
+TEST(StatefulReader_Fragments, BestEffortDeliversCompleteSamplesAndKeepsThreeUnderWay) {
     Fixture f(Qos(BEST_EFFORT_RELIABILITY_QOS));
     const std::vector<octet> sample = Sample(FRAGMENT_SIZE + 500);
-    SendFragment(f.reader, 1, sample, 2);
-    SendFragment(f.reader, 1, sample, 1);
-    ASSERT_EQ(1u, f.sink.m_Deliveries.size());
-    EXPECT_EQ(sample, f.sink.m_Deliveries[0].payload);
-    EXPECT_EQ(nullptr, Store(*f.pProxy, 1)); // handed over, the entry stays empty
+    for (uint32_t uiNumber : {2u, 1u}) f.SendFragment(1, sample, uiNumber);
+    ASSERT_EQ(1u, f.sink.m_Payloads.size());
+    EXPECT_EQ(sample, f.sink.m_Payloads[0]);
+    EXPECT_EQ(nullptr, f.Store(1));  // handed over, the entry stays empty
 
-    for (uint32_t uiSeq = 2; uiSeq <= 6; ++uiSeq)
-        SendFragment(f.reader, uiSeq, sample, 1);
-    const auto& changes = f.pProxy->getChangesFromWriter();
-    ASSERT_EQ(3u, changes.size());
-    EXPECT_EQ(SequenceNumber_t(0, 4), changes.begin()->first);
-    // A pruned sample starts over when its next fragment comes.
-    SendFragment(f.reader, 2, sample, 2);
-    EXPECT_EQ(1u, f.sink.m_Deliveries.size());
-}
-
-TEST(StatefulReader_Fragments, HeartbeatAsksForTheMissingFragments)
-{
-    Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
-    const std::vector<octet> sample = Sample(2 * FRAGMENT_SIZE);
-    SendFragment(f.reader, 1, sample, 1);
-    testing::internal::CaptureStdout();
-    f.reader.HeartBeatMessageReceive(Receiver(), Heartbeat(1, 1, 1));
-    const std::string strOut = testing::internal::GetCapturedStdout();
-    ASSERT_EQ(1u, f.pProxy->m_NackFrags.size());
-    EXPECT_EQ(SequenceNumber_t(0, 1), f.pProxy->m_NackFrags[0].first);
-    const FragmentNumberSet& set = f.pProxy->m_NackFrags[0].second;
-    EXPECT_EQ(2u, set.bitmapBase);
-    EXPECT_EQ(2u, set.numBits); // fragment 3 does not exist and is asked for all the same
-    EXPECT_EQ("loss Frag Data 2 Seq = 1\nloss Frag Data 3 Seq = 1\n", strOut);
-    // The sample under reassembly is missing for the ACKNACK too.
-    ASSERT_EQ(1u, f.reader.m_AckNacks.size());
-    EXPECT_EQ(1u, f.reader.m_AckNacks[0].numBits);
+    for (uint32_t uiSeq = 2; uiSeq <= 6; ++uiSeq) f.SendFragment(uiSeq, sample, 1);
+    ASSERT_EQ(3u, f.pProxy->getChangesFromWriter().size());
+    EXPECT_EQ(SequenceNumber_t(0, 4), f.pProxy->getChangesFromWriter().begin()->first);
+    f.SendFragment(2, sample, 2);  // a pruned sample starts over when its next fragment comes
+    EXPECT_EQ(1u, f.sink.m_Payloads.size());
 }

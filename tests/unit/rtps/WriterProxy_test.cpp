@@ -2,316 +2,184 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
+#include <algorithm>
 #include <string>
 #include <vector>
 
-#include "log/LogObserver.h"
+#include "DataSendRig.h"
 #include "messages/SubMessages.h"
 #include "rtps/CacheChange.h"
 
-namespace
-{
-// Collects every log text while alive.
-class ProxyLogCapture
-{
-public:
-    ProxyLogCapture() { SetLogObserver(&ProxyLogCapture::Observe, this); }
-    ~ProxyLogCapture() { SetLogObserver(nullptr, nullptr); }
+namespace {
+typedef std::vector<std::string> Texts;
 
-    std::vector<std::string> Texts()
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        return m_Texts;
-    }
+SequenceNumber_t Sn(uint32_t low) { return SequenceNumber_t(0, low); }
 
-private:
-    static void Observe(void* context, int, const char* text, size_t length, int)
-    {
-        ProxyLogCapture* self = static_cast<ProxyLogCapture*>(context);
-        std::lock_guard<std::mutex> lock(self->m_Mutex);
-        self->m_Texts.push_back(std::string(text, length));
-    }
-
-    std::mutex m_Mutex;
-    std::vector<std::string> m_Texts;
-};
-
-GUID_t RemoteWriterGuid()
-{
+GUID_t RemoteWriterGuid() {
     GUID_t guid = GUID_UNKNOWN;
-    for (int i = 0; i < 12; ++i)
-        guid.guidPrefix.value[i] = octet(i + 1);
+    for (int i = 0; i < 12; ++i) guid.guidPrefix.value[i] = octet(i + 1);
     guid.entityId = EntityId_t{{0x00, 0x01, 0x02}, 0x02};
     return guid;
 }
 
-// A parked change of the given writer number with a small payload.
-CacheChange* Parked(uint32_t uiSeq, uint32_t uiLength = 8)
-{
-    CacheChange* pChange = new CacheChange();
-    pChange->sequenceNumber = SequenceNumber_t(0, uiSeq);
-    pChange->dataLength = uiLength;
-    pChange->data = CacheChange::AllocData(uiLength);
-    return pChange;
-}
-
 // Records the NACK_FRAG requests instead of queueing them.
-class RecordingProxy : public WriterProxy
-{
+class RecordingProxy : public WriterProxy {
 public:
     RecordingProxy() : WriterProxy(RemoteWriterGuid(), {}, {}) {}
-
     std::vector<std::pair<SequenceNumber_t, FragmentNumberSet>> m_NackFrags;
 
 private:
     void SendNackFrag(StatefulReader*, RequestScheduler*, const SequenceNumber_t& seqNum,
-                      const FragmentNumberSet& set) override
-    {
+                      const FragmentNumberSet& set) override {
         m_NackFrags.push_back(std::make_pair(seqNum, set));
     }
 };
 
-uint32_t StatusOf(const WriterProxy& proxy, uint32_t uiSeq)
-{
-    auto it = proxy.getChangesFromWriter().find(SequenceNumber_t(0, uiSeq));
-    return it == proxy.getChangesFromWriter().end() ? 99u : it->second.status;
+// The entries as "<number><status>" with status L, M, R or U, and '-' after an
+// irrelevant one, e.g. "1M 2R- 3U".
+std::string Entries(const WriterProxy& proxy) {
+    std::string strOut;
+    for (const auto& entry : proxy.getChangesFromWriter()) {
+        strOut += (strOut.empty() ? "" : " ") + std::to_string(entry.first.low) + "LMRU"[entry.second.status];
+        if (entry.second.is_relevant == 0) strOut += '-';
+    }
+    return strOut;
 }
+}  // namespace
 
-bool BitSet(const uint32_t* pBitmap, uint32_t uiBit)
-{
-    return (pBitmap[uiBit / 32] & (0x80000000u >> (uiBit % 32))) != 0;
-}
-
-int CountLines(const std::string& strText, const std::string& strNeedle)
-{
-    int iCount = 0;
-    for (size_t pos = strText.find(strNeedle); pos != std::string::npos;
-         pos = strText.find(strNeedle, pos + 1))
-        ++iCount;
-    return iCount;
-}
-} // namespace
-
-TEST(WriterProxy_Availability, WalksOverReceivedNumbersAndHandsThemOverInOrder)
-{
-    ProxyLogCapture logs;
-    WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    proxy.setTopic(3, "Square");
-    proxy.received_change(Parked(1));
-    proxy.received_change(Parked(2));
-    proxy.received_change(Parked(4));
-
-    const SequenceNumber_t maxSeq = proxy.available_changes_max();
-    EXPECT_EQ(SequenceNumber_t(0, 2), maxSeq);
-    // The entries passed stay until handed over.
-    EXPECT_EQ(3u, proxy.getChangesFromWriter().size());
-
-    CacheChange* pFirst = proxy.getAvailableChanges(maxSeq);
-    CacheChange* pSecond = proxy.getAvailableChanges(maxSeq);
-    ASSERT_NE(nullptr, pFirst);
-    ASSERT_NE(nullptr, pSecond);
-    EXPECT_EQ(SequenceNumber_t(0, 1), pFirst->sequenceNumber);
-    EXPECT_EQ(SequenceNumber_t(0, 2), pSecond->sequenceNumber);
-    EXPECT_EQ(nullptr, proxy.getAvailableChanges(maxSeq));
-    WriterProxy::DeleteChange(pFirst);
-    WriterProxy::DeleteChange(pSecond);
-
-    const std::vector<std::string> texts = logs.Texts();
-    ASSERT_EQ(1u, texts.size());
-    EXPECT_EQ("[WriterProxy::getAvailableChanges] TopicName = Square "
-              "m_ChangesFromWriter.begin(4)> maxAvailableNum(2) ",
-              texts[0]);
-}
-
-TEST(WriterProxy_Availability, EmptyAndIrrelevantOnlyMapsYieldNothing)
-{
-    ProxyLogCapture logs;
+TEST(WriterProxy_Availability, WalksOverReceivedNumbersAndHandsThemOverInOrder) {
+    LogRecorder logs;
     WriterProxy proxy(RemoteWriterGuid(), {}, {});
     proxy.setTopic(3, "Square");
     EXPECT_EQ(nullptr, proxy.getAvailableChanges(SEQUENCENUMBER_ZERO));
-    ASSERT_EQ(1u, logs.Texts().size());
-    EXPECT_EQ("[WriterProxy::getAvailableChanges] m_ChangesFromWriter.size = 0,TopicName =Square "
-              "and maxAvailableNum = 0",
-              logs.Texts()[0]);
+    for (uint32_t uiSeq : {1u, 2u, 4u}) proxy.received_change(MakeChange(uiSeq));
+    const SequenceNumber_t maxSeq = proxy.available_changes_max();
+    EXPECT_EQ(Sn(2), maxSeq);
+    EXPECT_EQ("1R 2R 4R", Entries(proxy));  // the entries passed stay until handed over
 
-    proxy.irrelevant_change_set(SequenceNumber_t(0, 1));
-    proxy.irrelevant_change_set(SequenceNumber_t(0, 2));
-    EXPECT_EQ(SequenceNumber_t(0, 2), proxy.getAvailableSeqNum());
-    EXPECT_EQ(nullptr, proxy.getAvailableChanges(proxy.available_changes_max()));
-    EXPECT_TRUE(proxy.getChangesFromWriter().empty());
+    for (uint32_t uiSeq : {1u, 2u}) {
+        CacheChange* pChange = proxy.getAvailableChanges(maxSeq);
+        ASSERT_NE(nullptr, pChange);
+        EXPECT_EQ(Sn(uiSeq), pChange->sequenceNumber);
+        WriterProxy::DeleteChange(pChange);
+    }
+    EXPECT_EQ(nullptr, proxy.getAvailableChanges(maxSeq));
+    EXPECT_EQ(Texts({"[WriterProxy::getAvailableChanges] m_ChangesFromWriter.size = 0,TopicName =Square and "
+                     "maxAvailableNum = 0",
+                     "[WriterProxy::getAvailableChanges] TopicName = Square m_ChangesFromWriter.begin(4)> "
+                     "maxAvailableNum(2) "}),
+              logs.Texts());
 }
 
-TEST(WriterProxy_Availability, OnceStartedTheWalkPassesBeyondTheMaximum)
-{
+TEST(WriterProxy_Availability, SkipsIrrelevantEntriesAndOnceStartedPassesTheMaximum) {
     WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    proxy.irrelevant_change_set(SequenceNumber_t(0, 1));
-    proxy.received_change(Parked(3));
+    for (uint32_t uiSeq : {1u, 2u, 5u}) proxy.irrelevant_change_set(Sn(uiSeq));
+    EXPECT_EQ(Sn(2), proxy.getAvailableSeqNum());
+    EXPECT_EQ(nullptr, proxy.getAvailableChanges(proxy.available_changes_max()));  // irrelevant only
+    EXPECT_EQ("", Entries(proxy));
+    proxy.irrelevant_change_set(Sn(3));
+    proxy.received_change(MakeChange(6));
     const SequenceNumber_t maxSeq = proxy.available_changes_max();
-    ASSERT_EQ(SequenceNumber_t(0, 1), maxSeq);
+    ASSERT_EQ(Sn(3), maxSeq);
     CacheChange* pChange = proxy.getAvailableChanges(maxSeq);
     ASSERT_NE(nullptr, pChange);
-    EXPECT_EQ(SequenceNumber_t(0, 3), pChange->sequenceNumber);
+    EXPECT_EQ(Sn(6), pChange->sequenceNumber);
     WriterProxy::DeleteChange(pChange);
 }
 
-TEST(WriterProxy_Status, ReceivedChangeKeepsALargeSampleUnderReassemblyOpen)
-{
-    WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    proxy.received_change(Parked(1, FRAGMENT_SIZE));
-    CacheChange* pLarge = new CacheChange();
-    pLarge->sequenceNumber = SequenceNumber_t(0, 2);
-    pLarge->dataLength = FRAGMENT_SIZE + 1;
-    proxy.received_change(pLarge);
-    EXPECT_EQ(ChangeFromWriter::RECEIVED, StatusOf(proxy, 1));
-    EXPECT_EQ(ChangeFromWriter::UNKNOWN, StatusOf(proxy, 2));
-    // A second copy replaces the parked one (the first is freed, as the leak checker sees).
-    proxy.received_change(Parked(1));
-    EXPECT_EQ(2u, proxy.getChangesFromWriter().size());
-}
+// ---------------------------------------------------------------- status changes
 
-TEST(WriterProxy_Status, ReceivedChangeSetAndIrrelevantChangeSet)
-{
-    ProxyLogCapture logs;
+TEST(WriterProxy_Status, ReceivedChangeSetAndIrrelevantChangeSet) {
+    LogRecorder logs;
     WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    EXPECT_EQ(1, proxy.received_change_set(SequenceNumber_t(0, 5)));
-    ASSERT_EQ(1u, logs.Texts().size());
-    EXPECT_EQ("[WriterProxy::received_change_set] m_ChangesFromWriter.count(SeqNum(5)) = 0",
-              logs.Texts()[0]);
-
-    proxy.missing_changes_update(SequenceNumber_t(0, 1), SequenceNumber_t(0, 2));
-    proxy.received_change(Parked(3));
-    EXPECT_EQ(0, proxy.received_change_set(SequenceNumber_t(0, 2)));
-    EXPECT_EQ(0, proxy.received_change_set(SequenceNumber_t(0, 3)));
-    const auto& changes = proxy.getChangesFromWriter();
-    EXPECT_EQ(ChangeFromWriter::RECEIVED, changes.at(SequenceNumber_t(0, 2)).status);
-    EXPECT_EQ(0, changes.at(SequenceNumber_t(0, 2)).is_relevant); // nothing to deliver
-    EXPECT_EQ(1, changes.at(SequenceNumber_t(0, 3)).is_relevant);
+    EXPECT_EQ(1, proxy.received_change_set(Sn(5)));
+    EXPECT_EQ(Texts({"[WriterProxy::received_change_set] m_ChangesFromWriter.count(SeqNum(5)) = 0"}),
+              logs.Texts());
+    proxy.missing_changes_update(Sn(1), Sn(2));
+    proxy.received_change(MakeChange(3));
+    EXPECT_EQ(0, proxy.received_change_set(Sn(2)));
+    EXPECT_EQ(0, proxy.received_change_set(Sn(3)));
+    EXPECT_EQ("1M 2R- 3R", Entries(proxy));  // 2 has nothing to deliver
 
     // Irrelevant moves the mark only when it is the very next number.
-    proxy.irrelevant_change_set(SequenceNumber_t(0, 4));
+    proxy.irrelevant_change_set(Sn(4));
     EXPECT_EQ(SEQUENCENUMBER_ZERO, proxy.getAvailableSeqNum());
-    proxy.irrelevant_change_set(SequenceNumber_t(0, 1));
-    EXPECT_EQ(SequenceNumber_t(0, 1), proxy.getAvailableSeqNum());
-    EXPECT_EQ(ChangeFromWriter::RECEIVED, changes.at(SequenceNumber_t(0, 4)).status);
-    EXPECT_EQ(0, changes.at(SequenceNumber_t(0, 4)).is_relevant);
+    proxy.irrelevant_change_set(Sn(1));
+    EXPECT_EQ(Sn(1), proxy.getAvailableSeqNum());
+    EXPECT_EQ("1R- 2R- 3R 4R-", Entries(proxy));
 }
 
-TEST(WriterProxy_Status, MissingUpdateStartsPastTheMarkAndKeepsExistingEntries)
-{
+TEST(WriterProxy_Status, MissingAndUnknownUpdates) {
     WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    proxy.lost_changes_update(SequenceNumber_t(0, 3));
-    ASSERT_EQ(SequenceNumber_t(0, 2), proxy.getAvailableSeqNum());
-    proxy.change_entry(SequenceNumber_t(0, 4)); // an entry a fragment made: UNKNOWN
-    EXPECT_EQ(0, proxy.missing_changes_update(SequenceNumber_t(0, 1), SequenceNumber_t(0, 5)));
-    EXPECT_EQ(99u, StatusOf(proxy, 2));
-    EXPECT_EQ(ChangeFromWriter::MISSING, StatusOf(proxy, 3));
-    EXPECT_EQ(ChangeFromWriter::UNKNOWN, StatusOf(proxy, 4));
-    EXPECT_EQ(ChangeFromWriter::MISSING, StatusOf(proxy, 5));
-    // An empty writer (last below first) adds nothing.
-    proxy.missing_changes_update(SequenceNumber_t(0, 9), SequenceNumber_t(0, 8));
-    EXPECT_EQ(3u, proxy.getChangesFromWriter().size());
+    proxy.lost_changes_update(Sn(3));
+    ASSERT_EQ(Sn(2), proxy.getAvailableSeqNum());
+    proxy.change_entry(Sn(4));  // an entry a fragment made
+    proxy.change_entry(Sn(7));
+    // Starts past the mark and keeps existing entries; an empty writer (last below first) adds nothing.
+    EXPECT_EQ(0, proxy.missing_changes_update(Sn(1), Sn(5)));
+    proxy.missing_changes_update(Sn(9), Sn(8));
+    EXPECT_EQ("3M 4U 5M 7U", Entries(proxy));
+    proxy.received_change(MakeChange(5));
+    proxy.unknown_changes_update(Sn(6));
+    EXPECT_EQ("3M 4M 5R 7U", Entries(proxy));
 }
 
-TEST(WriterProxy_Status, UnknownUpdateTurnsUnknownIntoMissingUpToLast)
-{
+TEST(WriterProxy_Status, LostUpdateMovesTheMarkAndDropsEverythingBelowFirst) {
     WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    proxy.change_entry(SequenceNumber_t(0, 1));
-    proxy.change_entry(SequenceNumber_t(0, 3));
-    proxy.received_change(Parked(2));
-    proxy.unknown_changes_update(SequenceNumber_t(0, 2));
-    EXPECT_EQ(ChangeFromWriter::MISSING, StatusOf(proxy, 1));
-    EXPECT_EQ(ChangeFromWriter::RECEIVED, StatusOf(proxy, 2));
-    EXPECT_EQ(ChangeFromWriter::UNKNOWN, StatusOf(proxy, 3));
+    for (uint32_t uiSeq = 1; uiSeq <= 3; ++uiSeq) proxy.irrelevant_change_set(Sn(uiSeq));
+    ASSERT_EQ(Sn(3), proxy.getAvailableSeqNum());
+    proxy.missing_changes_update(Sn(4), Sn(12));
+    proxy.received_change(MakeChange(6));  // parked RECEIVED below 10: dropped with the rest
+    proxy.lost_changes_update(Sn(10));
+    EXPECT_EQ(Sn(9), proxy.getAvailableSeqNum());
+    EXPECT_EQ("10M 11M 12M", Entries(proxy));
+    proxy.lost_changes_update(Sn(5));  // a first number at or below the mark leaves it alone
+    EXPECT_EQ(Sn(9), proxy.getAvailableSeqNum());
+    EXPECT_EQ("10M 11M 12M", Entries(proxy));
 }
 
-TEST(WriterProxy_Status, LostUpdateMovesTheMarkAndDropsEverythingBelowFirst)
-{
+// ---------------------------------------------------------------- missing set
+
+TEST(WriterProxy_MissingSet, BitsCountFromTheFirstMissingNumber) {
     WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    proxy.irrelevant_change_set(SequenceNumber_t(0, 1));
-    proxy.irrelevant_change_set(SequenceNumber_t(0, 2));
-    proxy.irrelevant_change_set(SequenceNumber_t(0, 3));
-    ASSERT_EQ(SequenceNumber_t(0, 3), proxy.getAvailableSeqNum());
-    proxy.missing_changes_update(SequenceNumber_t(0, 4), SequenceNumber_t(0, 12));
-    proxy.received_change(Parked(6)); // parked RECEIVED below 10: dropped with the rest
+    proxy.irrelevant_change_set(Sn(1));
+    proxy.received_change(MakeChange(2));
+    SequenceNumberSet none;
+    proxy.missing_changes(none);
+    EXPECT_EQ(0u, none.numBits);  // nothing missing: an empty set past the mark
+    EXPECT_EQ(Sn(2), none.bitmapBase);
 
-    proxy.lost_changes_update(SequenceNumber_t(0, 10));
-    EXPECT_EQ(SequenceNumber_t(0, 9), proxy.getAvailableSeqNum());
-    const auto& changes = proxy.getChangesFromWriter();
-    ASSERT_EQ(3u, changes.size());
-    EXPECT_EQ(SequenceNumber_t(0, 10), changes.begin()->first);
-
-    // A first number at or below the mark leaves it alone.
-    proxy.lost_changes_update(SequenceNumber_t(0, 5));
-    EXPECT_EQ(SequenceNumber_t(0, 9), proxy.getAvailableSeqNum());
-    EXPECT_EQ(3u, changes.size());
-}
-
-TEST(WriterProxy_MissingSet, NothingMissingGivesAnEmptySetPastTheMark)
-{
-    WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    proxy.irrelevant_change_set(SequenceNumber_t(0, 1));
-    proxy.received_change(Parked(2));
+    proxy.missing_changes_update(Sn(1), Sn(7));
+    for (uint32_t uiSeq : {3u, 5u, 7u}) proxy.received_change(MakeChange(uiSeq));
     SequenceNumberSet set;
     proxy.missing_changes(set);
-    EXPECT_EQ(0u, set.numBits);
-    EXPECT_EQ(SequenceNumber_t(0, 2), set.bitmapBase);
+    EXPECT_EQ(Sn(4), set.bitmapBase);
+    EXPECT_EQ(3u, set.numBits);             // 4 and 6
+    EXPECT_EQ(0xA0000000u, set.bitmap[0]);  // bit 0 is the most significant
 }
 
-TEST(WriterProxy_MissingSet, BitsCountFromTheFirstMissingNumber)
-{
+TEST(WriterProxy_MissingSet, CapsAt256BitsAndReportsTheRestLater) {
     WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    proxy.missing_changes_update(SequenceNumber_t(0, 1), SequenceNumber_t(0, 6));
-    proxy.received_change(Parked(1));
-    proxy.received_change(Parked(4));
-    proxy.received_change(Parked(6));
-    SequenceNumberSet set;
-    proxy.missing_changes(set);
-    EXPECT_EQ(SequenceNumber_t(0, 2), set.bitmapBase);
-    EXPECT_EQ(4u, set.numBits);              // 2, 3 and 5
-    EXPECT_EQ(0xD0000000u, set.bitmap[0]);   // bit 0 is the most significant
-}
-
-TEST(WriterProxy_MissingSet, CapsAt256BitsAndReportsTheRestLater)
-{
-    WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    proxy.missing_changes_update(SequenceNumber_t(0, 1), SequenceNumber_t(0, 300));
+    proxy.missing_changes_update(Sn(1), Sn(300));
     SequenceNumberSet first;
     proxy.missing_changes(first);
-    EXPECT_EQ(SequenceNumber_t(0, 1), first.bitmapBase);
+    EXPECT_EQ(Sn(1), first.bitmapBase);
     EXPECT_EQ(256u, first.numBits);
-    for (uint32_t uiWord = 0; uiWord < 8; ++uiWord)
-        EXPECT_EQ(0xFFFFFFFFu, first.bitmap[uiWord]);
+    for (uint32_t uiWord = 0; uiWord < 8; ++uiWord) EXPECT_EQ(0xFFFFFFFFu, first.bitmap[uiWord]);
 
-    proxy.lost_changes_update(SequenceNumber_t(0, 257));
+    proxy.lost_changes_update(Sn(257));
     SequenceNumberSet rest;
     proxy.missing_changes(rest);
-    EXPECT_EQ(SequenceNumber_t(0, 257), rest.bitmapBase);
+    EXPECT_EQ(Sn(257), rest.bitmapBase);
     EXPECT_EQ(44u, rest.numBits);
-    EXPECT_TRUE(BitSet(rest.bitmap, 43));
-    EXPECT_FALSE(BitSet(rest.bitmap, 44));
+    EXPECT_EQ(0xFFF00000u, rest.bitmap[1]);  // bits 32 to 43
 }
 
-TEST(WriterProxy, RemoveOldestChangesKeepsTheNewest)
-{
-    WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    for (uint32_t uiSeq = 1; uiSeq <= 5; ++uiSeq)
-        proxy.received_change(Parked(uiSeq));
-    proxy.change_entry(SequenceNumber_t(0, 6));
-    proxy.remove_oldest_changes(3);
-    const auto& changes = proxy.getChangesFromWriter();
-    ASSERT_EQ(3u, changes.size());
-    EXPECT_EQ(SequenceNumber_t(0, 4), changes.begin()->first);
-    proxy.remove_oldest_changes(5);
-    EXPECT_EQ(3u, changes.size());
-}
-
-TEST(WriterProxy, CheckAliveReportsOnlyTransitions)
-{
+TEST(WriterProxy, CheckAliveReportsOnlyTransitions) {
     WriterProxy proxy(RemoteWriterGuid(), {}, {});
     const Duration_t lease(2, 0);
     proxy.setLastAliveTime(Time_t(10, 0));
-    EXPECT_EQ(0, proxy.check_alive(Time_t(12, 0), lease)); // exactly at the lease: not expired
+    EXPECT_EQ(0, proxy.check_alive(Time_t(12, 0), lease));  // exactly at the lease: not expired
     EXPECT_EQ(-1, proxy.check_alive(Time_t(12, 1), lease));
     EXPECT_EQ(0u, proxy.getAlive());
     EXPECT_EQ(0, proxy.check_alive(Time_t(20, 0), lease));
@@ -322,65 +190,51 @@ TEST(WriterProxy, CheckAliveReportsOnlyTransitions)
     EXPECT_EQ(0, proxy.check_alive(Time_t(0x7FFFFFFF, 999999999), DURATION_INFINITE));
 }
 
-TEST(WriterProxy_Fragments, SetCoversThePhantomFragmentOfAnExactMultiple)
-{
-    WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    CacheChange store;
-    store.sequenceNumber = SequenceNumber_t(0, 7);
-    store.dataLength = 2 * FRAGMENT_SIZE;
-    store.fragmentCount = 3; // one too many for an exact multiple
-    store.highestFragment = 1;
-    FragmentNumberSet set;
-    testing::internal::CaptureStdout();
-    proxy.fragment_set(&store, set);
-    const std::string strOut = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(2u, set.bitmapBase);
-    EXPECT_EQ(2u, set.numBits);
-    EXPECT_EQ(0xC0000000u, set.bitmap[0]);
-    EXPECT_EQ("loss Frag Data 2 Seq = 7\nloss Frag Data 3 Seq = 7\n", strOut);
-    // The numbers stay requested until they come.
-    EXPECT_EQ(2u, store.missingFragments.size());
+// ---------------------------------------------------------------- fragments
+
+TEST(WriterProxy_Fragments, SetCoversThePhantomFragmentAndStopsAt256) {
+    struct Case {
+        uint32_t uiFragments;  // one too many for an exact multiple, as the reader counts
+        uint32_t uiBits, uiBitmap;
+    };
+    for (const Case& c : {Case{3, 2, 0xC0000000u}, Case{302, 256, 0xFFFFFFFFu}}) {
+        WriterProxy proxy(RemoteWriterGuid(), {}, {});
+        CacheChange store;
+        store.sequenceNumber = Sn(7);
+        store.dataLength = (c.uiFragments - 1) * FRAGMENT_SIZE;
+        store.fragmentCount = c.uiFragments;
+        store.highestFragment = 1;
+        FragmentNumberSet set;
+        testing::internal::CaptureStdout();
+        proxy.fragment_set(&store, set);
+        const std::string strOut = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(2u, set.bitmapBase);
+        EXPECT_EQ(c.uiBits, set.numBits);
+        EXPECT_EQ(c.uiBitmap, set.bitmap[0]);
+        EXPECT_EQ(c.uiBits, uint32_t(std::count(strOut.begin(), strOut.end(), '\n')));
+        EXPECT_EQ(0u, strOut.find("loss Frag Data 2 Seq = 7\nloss Frag Data 3 Seq = 7\n"));
+        EXPECT_EQ(std::string::npos, strOut.find("loss Frag Data 258 "));
+        EXPECT_EQ(c.uiFragments - 1, store.missingFragments.size());  // requested until they come
+    }
 }
 
-TEST(WriterProxy_Fragments, SetOfManyMissingFragmentsStopsAt256)
-{
-    WriterProxy proxy(RemoteWriterGuid(), {}, {});
-    CacheChange store;
-    store.sequenceNumber = SequenceNumber_t(0, 1);
-    store.dataLength = 301 * FRAGMENT_SIZE;
-    store.fragmentCount = 302;
-    store.highestFragment = 1;
-    FragmentNumberSet set;
-    testing::internal::CaptureStdout();
-    proxy.fragment_set(&store, set);
-    const std::string strOut = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(2u, set.bitmapBase);
-    EXPECT_EQ(256u, set.numBits);
-    EXPECT_EQ(256, CountLines(strOut, "loss Frag Data"));
-    EXPECT_EQ(std::string::npos, strOut.find("loss Frag Data 258 "));
-}
-
-TEST(WriterProxy_Fragments, NackGoesOnlyForMissingSamplesUnderReassembly)
-{
+TEST(WriterProxy_Fragments, NackGoesOnlyForMissingSamplesUnderReassembly) {
     RecordingProxy proxy;
-    CacheChange* pStore = new CacheChange();
-    pStore->sequenceNumber = SequenceNumber_t(0, 2);
-    pStore->dataLength = 2 * FRAGMENT_SIZE + 10;
-    pStore->data = CacheChange::AllocData(pStore->dataLength);
+    CacheChange* pStore = MakeChange(2, 2 * FRAGMENT_SIZE + 10);
     pStore->fragmentCount = 3;
     pStore->highestFragment = 3;
     pStore->missingFragments.insert(2);
-    proxy.received_change(pStore);              // UNKNOWN: no heartbeat yet
-    proxy.missing_changes_update(SequenceNumber_t(0, 1), SequenceNumber_t(0, 1));
+    proxy.received_change(pStore);  // UNKNOWN: no heartbeat yet
+    proxy.missing_changes_update(Sn(1), Sn(1));
     testing::internal::CaptureStdout();
     proxy.fragment_nack(nullptr, nullptr);
     EXPECT_TRUE(proxy.m_NackFrags.empty());
 
-    proxy.unknown_changes_update(SequenceNumber_t(0, 2));
+    proxy.unknown_changes_update(Sn(2));
     proxy.fragment_nack(nullptr, nullptr);
     testing::internal::GetCapturedStdout();
     ASSERT_EQ(1u, proxy.m_NackFrags.size());
-    EXPECT_EQ(SequenceNumber_t(0, 2), proxy.m_NackFrags[0].first);
+    EXPECT_EQ(Sn(2), proxy.m_NackFrags[0].first);
     EXPECT_EQ(2u, proxy.m_NackFrags[0].second.bitmapBase);
     EXPECT_EQ(1u, proxy.m_NackFrags[0].second.numBits);
 }
