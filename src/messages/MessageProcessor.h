@@ -121,7 +121,13 @@ public:
     // Thread entry; the argument is the processor. Returns 0.
     static unsigned int ProcessRun(void* pParam);
     // pBuffer holds MESSAGE_BUFFER_SIZE bytes. 0, or 1 when nothing could be read.
+    // On return the buffer holds the datagram (cut at its end) and zeros behind it.
     int InterpretMessage(octet* pBuffer);
+    // The loop's form, for a buffer that stays with the caller between calls and
+    // is not written by it: uiUsed tells how many leading bytes may be non-zero
+    // (MESSAGE_BUFFER_SIZE when unknown, 0 for a zeroed buffer), and only those
+    // are cleared; on return it tells the same of this call's datagram.
+    int InterpretMessage(octet* pBuffer, uint32_t& uiUsed);
     // Runs the same walk on a datagram given by the caller instead of the receive
     // ring (tests, fuzzing): copies it into a zeroed buffer of MESSAGE_BUFFER_SIZE
     // (a longer one is cut there, as the ring cuts it) and returns the walk's result.

@@ -64,6 +64,13 @@ void SwapSeq(WireSequenceNumber& sn) {
     sn.low = Swap32(sn.low);
 }
 
+// The decode buffer holds non-zero bytes only below uiUsed; this makes it zero
+// from uiFrom on, where the next datagram ends, and records uiFrom as the new mark.
+void ClearDecodeBuffer(octet* pBuffer, uint32_t uiFrom, uint32_t& uiUsed) {
+    if (uiUsed > uiFrom) std::memset(pBuffer + uiFrom, 0, uiUsed - uiFrom);
+    uiUsed = uiFrom;
+}
+
 size_t Remaining(const octet* p, const octet* pEnd) { return p < pEnd ? size_t(pEnd - p) : 0; }
 
 // Copies uiSize bytes from p; whatever lies at or behind pEnd reads as zero, as the
@@ -115,7 +122,8 @@ unsigned int MessageProcessor::ProcessRun(void* pParam) {
     if (pProcessor == nullptr) return 0;
     octet aBuffer[MESSAGE_BUFFER_SIZE];
     std::memset(aBuffer, 0, sizeof(aBuffer));
-    while (pProcessor->IsRunning()) pProcessor->InterpretMessage(aBuffer);
+    uint32_t uiUsed = 0;  // nothing but zeros yet
+    while (pProcessor->IsRunning()) pProcessor->InterpretMessage(aBuffer, uiUsed);
 
     // The stop line goes to every log class that a reader of the files may watch.
     const int aiCodes[] = {DDSLOG_RECV, DDSLOG_WRITE, DDSLOG_ERROR, DDSLOG_INFO};
@@ -136,15 +144,30 @@ void MessageProcessor::RequestStop() {
 }
 
 int MessageProcessor::InterpretMessage(octet* pBuffer) {
+    uint32_t uiUsed = MESSAGE_BUFFER_SIZE;  // nothing known of the caller's bytes
+    return InterpretMessage(pBuffer, uiUsed);
+}
+
+int MessageProcessor::InterpretMessage(octet* pBuffer, uint32_t& uiUsed) {
     if (pBuffer == nullptr) return 1;
-    // The walk finds the end of a datagram by the zeros behind it.
-    std::memset(pBuffer, 0, MESSAGE_BUFFER_SIZE);
+    uiUsed = std::min(uiUsed, MESSAGE_BUFFER_SIZE);
+    // The walk finds the end of a datagram by the zeros behind it, so the whole
+    // buffer must read as zeros but for this datagram. Only the bytes that the
+    // previous datagram left are cleared, and only those that this one does not
+    // overwrite: zeroing all 64 KiB per datagram costs more than the rest of the
+    // walk for small datagrams and makes the ring overflow under a burst.
     if (m_pReceiveBuffer == nullptr) {
+        ClearDecodeBuffer(pBuffer, 0, uiUsed);
         SystemClock::SleepMs(NO_RING_WAIT_MS);  // keep the loop from spinning
         return 1;
     }
     uint32_t uiMessageLen = 0;
-    if (m_pReceiveBuffer->Read(pBuffer, uiMessageLen, MESSAGE_BUFFER_SIZE) != 0) return 1;
+    if (m_pReceiveBuffer->Read(pBuffer, uiMessageLen, MESSAGE_BUFFER_SIZE) != 0) {
+        ClearDecodeBuffer(pBuffer, 0, uiUsed);  // Read wrote nothing
+        return 1;
+    }
+    // The ring cuts a longer record at the buffer's end.
+    ClearDecodeBuffer(pBuffer, std::min(uiMessageLen, MESSAGE_BUFFER_SIZE), uiUsed);
     InterpretBuffer(pBuffer, uiMessageLen);
     return 0;
 }
@@ -153,9 +176,12 @@ int MessageProcessor::InterpretDatagram(const octet* pData, uint32_t uiLength) {
     // On the heap, so that a sanitizer sees the buffer's exact end.
     std::unique_ptr<octet[]> pBuffer(new (std::nothrow) octet[MESSAGE_BUFFER_SIZE]);
     if (!pBuffer) return 1;
-    std::memset(pBuffer.get(), 0, MESSAGE_BUFFER_SIZE);
-    const uint32_t uiCopy = std::min(uiLength, MESSAGE_BUFFER_SIZE);
-    if (pData != nullptr && uiCopy != 0) std::memcpy(pBuffer.get(), pData, uiCopy);
+    const uint32_t uiCopy = pData != nullptr ? std::min(uiLength, MESSAGE_BUFFER_SIZE) : 0;
+    if (uiCopy != 0) std::memcpy(pBuffer.get(), pData, uiCopy);
+    // A fresh buffer holds anything: all behind the datagram is cleared, as the
+    // ring's path leaves it.
+    uint32_t uiUsed = MESSAGE_BUFFER_SIZE;
+    ClearDecodeBuffer(pBuffer.get(), uiCopy, uiUsed);
     return InterpretBuffer(pBuffer.get(), uiLength);
 }
 

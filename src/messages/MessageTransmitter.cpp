@@ -36,8 +36,13 @@ unsigned int MessageTransmitter::TransmitRun(void* pArgument)
     while (pTransmitter->m_RunFlag.load() != 0)
     {
         // Failures of one pass are logged inside and not acted on here.
-        pTransmitter->ReceiveMessage();
-        SystemClock::SleepMs(0);
+        // A pass that moved datagrams goes straight back to the sockets: a yield
+        // there can park this thread for a whole scheduler slice beside a busy
+        // thread of the same CPU, while the socket overflows. A pass that read
+        // nothing (time-out, failure, no socket yet) still yields, so that a wait
+        // failing at once cannot hold the CPU.
+        if (pTransmitter->ReceiveMessage() != 0)
+            SystemClock::SleepMs(0);
     }
 
     // Logged in four classes, so that whichever file one follows shows the

@@ -37,7 +37,9 @@ public:
     // Receive thread entry for Thread::Start; the argument is the transmitter
     // as a MessageTransmitter* (convert a derived pointer before passing it).
     // Loops on ReceiveMessage until the run flag is cleared, then sets the
-    // stopped flag as its last act. Returns 0.
+    // stopped flag as its last act. Returns 0. A pass with a result other than 0
+    // (nothing read) is followed by a yield; a pass that returns 0 must have
+    // waited or read, as the loop goes straight on.
     static unsigned int TransmitRun(void* pArgument);
 
     // Stop protocol: the owner clears the run flag, then polls the stopped flag.

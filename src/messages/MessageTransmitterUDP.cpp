@@ -173,7 +173,8 @@ int MessageTransmitterUDP::MessageSend(Locator_t source, Locator_t destination,
     {
         // An unknown source address gets an entry without a socket: its sends
         // fail and are logged, and SendAddrAdd then counts it as known.
-        auto it = m_SendSocket.emplace(uiSource, INVALID_SOCKET_FD).first;
+        // try_emplace: a known address, the usual case, costs no node allocation.
+        auto it = m_SendSocket.try_emplace(uiSource, INVALID_SOCKET_FD).first;
         iSocket = it->second;
     }
     m_SocketMapLock.Unlock();
@@ -407,15 +408,35 @@ int MessageTransmitterUDP::ReceiveMessage()
     {
         if ((aPoll[i].revents & (POLLIN | POLLERR | POLLHUP)) == 0)
             continue;
+        int iResult = DrainSocket(aPoll[i].fd);
+        if (iResult != 0)
+            return iResult;
+    }
+    return 0;
+}
+
+int MessageTransmitterUDP::DrainSocket(int iSocket)
+{
+    // A readable socket is emptied, not sampled: one datagram per wait lets a
+    // burst outrun the thread (every pass costs a poll and, under load, a turn
+    // of the scheduler), and the kernel then drops at the socket. The bound keeps
+    // one busy socket from starving the others and the run flag.
+    for (int iTaken = 0; iTaken < MAX_DATAGRAMS_PER_SOCKET; ++iTaken)
+    {
         sockaddr_in sender;
         socklen_t senderLength = sizeof(sender);
         // Non-blocking: readiness may be withdrawn (a datagram dropped on a bad
         // checksum), and the loop must still come back to its run flag.
-        ssize_t iReceived = recvfrom(aPoll[i].fd, m_pRecvBuffer, RECV_BUFFER_SIZE, MSG_DONTWAIT,
+        ssize_t iReceived = recvfrom(iSocket, m_pRecvBuffer, RECV_BUFFER_SIZE, MSG_DONTWAIT,
                                      reinterpret_cast<sockaddr*>(&sender), &senderLength);
         if (iReceived < 0)
         {
-            LogText("[MessageTransmitterUDP::ReceiveMessage] recvform error and errno = %d", errno);
+            int iError = errno;
+            // An empty queue behind at least one datagram is the end of the drain,
+            // not a fault. The first read after the wait is reported as ever.
+            if (iTaken > 0 && (iError == EAGAIN || iError == EWOULDBLOCK))
+                return 0;
+            LogText("[MessageTransmitterUDP::ReceiveMessage] recvform error and errno = %d", iError);
             return RESULT_RECVFROM_FAILED;
         }
         if (m_pReceiveBuffer != nullptr)

@@ -15,6 +15,8 @@ public:
     static constexpr uint32_t RECV_BUFFER_SIZE = 6553600;
     static constexpr int MAX_WATCHED_SOCKETS = 64;
     static constexpr int SELECT_TIMEOUT_MS = 1000;
+    // Datagrams taken from one readable socket in one pass, at most.
+    static constexpr int MAX_DATAGRAMS_PER_SOCKET = 256;
     static constexpr int SOCKET_RCVBUF_SIZE = 0x600000;
     static constexpr int SEND_TTL = 64;
     static constexpr int SEND_TOS = 1;
@@ -59,6 +61,10 @@ private:
     int addRecvSocket(const Locator_t& locator);
     int addMemberShip(const Locator_t& locator);
     int dropMemberShip(const Locator_t& locator);
+    // Reads a socket that the wait reported readable into the ring until it is
+    // empty, at most MAX_DATAGRAMS_PER_SOCKET datagrams, in arrival order.
+    // 0, or RESULT_RECVFROM_FAILED (logged).
+    int DrainSocket(int iSocket);
     void LogText(const char* szFormat, ...) const __attribute__((format(printf, 2, 3)));
 
     octet* m_pRecvBuffer;                       // owned; receive thread only

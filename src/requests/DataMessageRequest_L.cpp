@@ -1,6 +1,7 @@
 #include "requests/DataMessageRequest_L.h"
 
 #include <list>
+#include <map>
 
 #include "DDSLogManagementFactory.h"
 #include "messages/MessageProcessor.h"
@@ -57,9 +58,9 @@ uint32_t DataMessageRequest_L::Execute()
 
     // Failures below are logged by the senders; a best-effort sample is gone either way.
     if (DataSendHelper::IsSingleData(sample.uiDataLength))
-        sendDataMessage(uiMessageLen);
+        sendDataMessage(uiMessageLen, bTrace);
     else
-        sendDataFragMessage(uiMessageLen);
+        sendDataFragMessage(uiMessageLen, bTrace);
 
     DataSendHelper::DeleteChange(m_pCacheChange);
     m_pMessageProcessor->unlockMessage();
@@ -68,20 +69,46 @@ uint32_t DataMessageRequest_L::Execute()
 
 namespace
 {
-// The writer's destinations: each locator once, whatever its count of readers.
-std::list<Locator_t> DestinationsOf(const StatelessWriter* pWriter)
+// Locator lists of the sending thread, refilled for every sample. Refilling
+// reuses their nodes, so that once a writer's counts have settled a send
+// allocates nothing for its locators; a best-effort writer sends each sample
+// at once, and the two copies per sample showed in its profile. Execute never
+// runs nested on one thread (nothing it calls executes another request), so
+// one pair per thread suffices.
+struct LocatorScratch
 {
+    std::list<Locator_t> sources;
     std::list<Locator_t> destinations;
-    for (const auto& entry : pWriter->getReaderLocators())
-        destinations.push_back(entry.first);
-    return destinations;
+};
+
+LocatorScratch& ThreadScratch()
+{
+    thread_local LocatorScratch scratch;
+    return scratch;
+}
+
+// Copies the writer's locators while it is borrowed: it is given back before
+// the send. The destinations: each locator once, whatever its count of readers.
+void FillLocators(const StatelessWriter* pWriter, LocatorScratch& scratch)
+{
+    const std::list<Locator_t>& sources = pWriter->getUnicastLocatorList();
+    scratch.sources.assign(sources.begin(), sources.end());
+    const std::map<Locator_t, ReaderLocator>& readerLocators = pWriter->getReaderLocators();
+    auto itOut = scratch.destinations.begin();
+    for (const auto& entry : readerLocators)
+    {
+        if (itOut != scratch.destinations.end())
+            *itOut++ = entry.first;
+        else
+            scratch.destinations.push_back(entry.first);
+    }
+    scratch.destinations.erase(itOut, scratch.destinations.end());
 }
 } // namespace
 
-int DataMessageRequest_L::sendDataMessage(uint32_t uiMessageLen)
+int DataMessageRequest_L::sendDataMessage(uint32_t uiMessageLen, bool bTrace)
 {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*m_pCacheChange);
-    const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
     if (bTrace)
         DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
                             "[DataMessageRequest_L::sendDataMessage] [4] TopicName = %s SeqNum = %d",
@@ -101,8 +128,8 @@ int DataMessageRequest_L::sendDataMessage(uint32_t uiMessageLen)
         return 1;
     }
 
-    const std::list<Locator_t> sources = DataSendHelper::SourcesOf(pWriter);
-    const std::list<Locator_t> destinations = DestinationsOf(pStatelessWriter);
+    LocatorScratch& locators = ThreadScratch();
+    FillLocators(pStatelessWriter, locators);
     // The readerId stays 00 00 00 00, for built-in writers too.
     if (DataSendHelper::AppendData(m_pMessageProcessor, uiMessageLen, sample, pWriter) == nullptr)
     {
@@ -114,8 +141,8 @@ int DataMessageRequest_L::sendDataMessage(uint32_t uiMessageLen)
     }
     // Given back before the send: the message no longer needs the writer.
     DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-    DataSendHelper::Send(m_pMessageProcessor, m_pMessageTransmitter, sources, destinations,
-                         uiMessageLen);
+    DataSendHelper::Send(m_pMessageProcessor, m_pMessageTransmitter, locators.sources,
+                         locators.destinations, uiMessageLen);
     if (bTrace)
         DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
                             "[MessageTransmitterUDP::MessageSend] Data_L [5] TopicName = %s SeqNum = %d",
@@ -123,10 +150,9 @@ int DataMessageRequest_L::sendDataMessage(uint32_t uiMessageLen)
     return 0;
 }
 
-int DataMessageRequest_L::sendDataFragMessage(uint32_t uiMessageLen)
+int DataMessageRequest_L::sendDataFragMessage(uint32_t uiMessageLen, bool bTrace)
 {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*m_pCacheChange);
-    const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
 
     Writer* pWriter = nullptr;
     if (DataSendHelper::WriterExists(m_pMessageProcessor, m_EntityId))
@@ -141,12 +167,12 @@ int DataMessageRequest_L::sendDataFragMessage(uint32_t uiMessageLen)
         return 1;
     }
 
-    const std::list<Locator_t> sources = DataSendHelper::SourcesOf(pWriter);
-    const std::list<Locator_t> destinations = DestinationsOf(pStatelessWriter);
+    LocatorScratch& locators = ThreadScratch();
+    FillLocators(pStatelessWriter, locators);
     // The writer stays borrowed for the whole series.
     const int iResult = DataSendHelper::SendFragments(
-        m_pMessageProcessor, m_pMessageTransmitter, uiMessageLen, sample, pWriter, sources,
-        destinations, [this, bTrace, &sample](uint32_t uiFragmentNum) {
+        m_pMessageProcessor, m_pMessageTransmitter, uiMessageLen, sample, pWriter, locators.sources,
+        locators.destinations, [this, bTrace, &sample](uint32_t uiFragmentNum) {
             if (bTrace)
                 DataSendHelper::Log(
                     m_uiDomainId, DDSLOG_WRITE,

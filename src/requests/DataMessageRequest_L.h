@@ -30,8 +30,9 @@ public:
     CacheChange* getCacheChange() const { return m_pCacheChange; }
 
 private:
-    int sendDataMessage(uint32_t uiMessageLen);
-    int sendDataFragMessage(uint32_t uiMessageLen);
+    // bTrace: the query-topic test, made once per Execute.
+    int sendDataMessage(uint32_t uiMessageLen, bool bTrace);
+    int sendDataFragMessage(uint32_t uiMessageLen, bool bTrace);
 
     CacheChange* m_pCacheChange;  // owned
 };

@@ -23,7 +23,7 @@ void Endpoint::setUnicastLocatorList(const std::list<Locator_t>& locators)
     unicastLocatorList = locators;
 }
 
-std::list<Locator_t> Endpoint::getUnicastLocatorList() const
+const std::list<Locator_t>& Endpoint::getUnicastLocatorList() const
 {
     return unicastLocatorList;
 }

@@ -21,7 +21,9 @@ public:
     virtual int isEndpointBusy();
 
     void setUnicastLocatorList(const std::list<Locator_t>& locators);
-    std::list<Locator_t> getUnicastLocatorList() const;
+    // By reference: the send path reads it once per sample while it holds the
+    // endpoint, and copies only what it keeps.
+    const std::list<Locator_t>& getUnicastLocatorList() const;
     std::list<Locator_t> getMulticastLocatorList() const;
     EntityId_t getEntityId() const;
     GUID_t getGUID() const;

@@ -33,7 +33,8 @@ public:
     int reader_locator_add(Locator_t locator);
     // 0, or 1 (logged) for a locator that is not in the map.
     int reader_locator_remove(Locator_t locator);
-    std::map<Locator_t, ReaderLocator> getReaderLocators() const { return m_MatchedLocatorMap; }
+    // By reference, for the same reason as the unicast list: read per sample.
+    const std::map<Locator_t, ReaderLocator>& getReaderLocators() const { return m_MatchedLocatorMap; }
 
 protected:
     // Locator_t's order compares all its octets.

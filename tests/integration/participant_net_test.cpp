@@ -18,7 +18,14 @@
 #include <thread>
 #include <vector>
 
+#include "DataReader.h"
+#include "DataWriter.h"
+#include "DomainParticipant.h"
+#include "DomainParticipantFactory.h"
 #include "NetnsGuard.h"
+#include "Publisher.h"
+#include "Subscriber.h"
+#include "Topic.h"
 #include "QosPolicy.h"
 #include "messages/MessageProcessor.h"
 #include "messages/MessageTransmitterUDP.h"
@@ -248,5 +255,39 @@ TEST(ParticipantNet, CreateDeleteCycleLeavesNothing)
     EXPECT_TRUE(WaitFor([&] { return ThreadCount() == uiThreadsBefore; }, 5000))
         << ThreadCount() << " threads, " << uiThreadsBefore << " before";
     EXPECT_EQ(FdCount(), uiFdsBefore);
+}
+
+// The public road: participants with a writer and a reader, each with a deadline timer,
+// created and deleted through the factory, leave no thread (timers included) or socket.
+TEST(ParticipantNet, FiftyFactoryParticipantsWithEntitiesLeaveNothingBehind)
+{
+    MORVODDS_REQUIRE_PRIVATE_NETNS();
+    DomainParticipantFactory* pFactory = DomainParticipantFactory::get_instance();
+    auto cycle = [pFactory] {
+        DomainParticipant* p = pFactory->create_participant(9, PARTICIPANT_QOS_DEFAULT, nullptr, 0);
+        ASSERT_NE(p, nullptr);
+        p->register_type("Blob");
+        Topic* pTopic = p->create_topic("Cycle", "Blob", TOPIC_QOS_DEFAULT, nullptr, 0);
+        ASSERT_NE(pTopic, nullptr);
+        DataWriterQos writerQos;
+        writerQos.deadline.period = Duration_t(0, 100);
+        DataReaderQos readerQos;
+        readerQos.deadline.period = Duration_t(0, 100);
+        Publisher* pPub = p->create_publisher(PUBLISHER_QOS_DEFAULT, nullptr, 0);
+        Subscriber* pSub = p->create_subscriber(SUBSCRIBER_QOS_DEFAULT, nullptr, 0);
+        ASSERT_NE(pPub, nullptr);
+        ASSERT_NE(pSub, nullptr);
+        EXPECT_NE(pPub->create_datawriter(pTopic, writerQos, nullptr, 0), nullptr);
+        EXPECT_NE(pSub->create_datareader(pTopic, readerQos, nullptr, 0), nullptr);
+        EXPECT_EQ(pFactory->delete_participant(p), RETCODE_OK);
+    };
+    cycle();  // lets process-wide helpers start first
+    const size_t uiThreadsBefore = ThreadCount();
+    const size_t uiFdsBefore = FdCount();
+    for (int i = 0; i < 50; ++i) cycle();
+    EXPECT_TRUE(WaitFor([&] { return ThreadCount() == uiThreadsBefore; }, 5000))
+        << ThreadCount() << " threads, " << uiThreadsBefore << " before";
+    EXPECT_EQ(FdCount(), uiFdsBefore);
+    EXPECT_EQ(pFactory->lookup_participant(9), nullptr);
 }
 } // namespace

@@ -1,7 +1,10 @@
 // UDP transport over the loopback of a private network namespace: unicast and
 // multicast delivery into the ring, the local shortcut, socket bookkeeping,
-// the watched-socket cap and the receive thread's stop protocol with its wake.
+// the watched-socket cap, the draining of bursts and the receive thread's stop
+// protocol with its wake.
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <chrono>
@@ -578,4 +581,122 @@ TEST(MessageTransmitterUDP_thread, RequestStopEndsTheWaitWithinMilliseconds)
     EXPECT_EQ((std::vector<int>{DDSLOG_RECV, DDSLOG_WRITE, DDSLOG_ERROR, DDSLOG_INFO}),
               log.CodesOf("Stop Recv Thread Sucess"));
     EXPECT_EQ(0, log.CountPrefix("[MessageTransmitterUDP::ReceiveMessage]"));
+}
+
+// ------------------------------------------------------------ draining bursts
+
+namespace
+{
+// A datagram that names its socket and its place in the burst.
+std::vector<octet> Numbered(char cTag, uint32_t uiIndex)
+{
+    std::vector<octet> data(16, static_cast<octet>(cTag));
+    std::memcpy(data.data(), &uiIndex, sizeof(uiIndex));
+    return data;
+}
+
+// Every record the ring holds now, without waiting for more.
+std::vector<std::vector<octet>> TakeAll(ReceiveBuffer& ring)
+{
+    std::vector<std::vector<octet>> records;
+    while (ring.GetAvailableLength() != ring.GetLength() && records.size() < 100000)
+    {
+        std::vector<octet> record;
+        if (!ReadRecord(ring, record))
+            break;
+        records.push_back(record);
+    }
+    return records;
+}
+} // namespace
+
+TEST(MessageTransmitterUDP_receive, APassDrainsEachReadySocketUpToItsBoundInArrivalOrder)
+{
+    MORVODDS_REQUIRE_PRIVATE_NETNS();
+    LogCapture log;
+    Node sender;
+    Node receiver;
+    const Locator_t source = MakeLocator(127, 0, 0, 1, 0);
+    const Locator_t busy = MakeLocator(127, 0, 0, 1, 17070);
+    const Locator_t quiet = MakeLocator(127, 0, 0, 1, 17071);
+    ASSERT_EQ(0, receiver.transmitter.ReceiveAddrAdd(busy));
+    ASSERT_EQ(0, receiver.transmitter.ReceiveAddrAdd(quiet));
+    ASSERT_EQ(0, sender.transmitter.SendAddrAdd(source));
+
+    // More than one pass can take from the busy socket, yet few enough for a
+    // receive queue of the system's default size.
+    const uint32_t uiBound = MessageTransmitterUDP::MAX_DATAGRAMS_PER_SOCKET;
+    const uint32_t uiBurst = uiBound + 44;
+    for (uint32_t i = 0; i < uiBurst; ++i)
+    {
+        std::vector<octet> data = Numbered('A', i);
+        ASSERT_EQ(0, sender.transmitter.MessageSend(source, busy, data.data(), uint32_t(data.size())));
+    }
+    std::vector<octet> lone = Numbered('B', 0);
+    ASSERT_EQ(0, sender.transmitter.MessageSend(source, quiet, lone.data(), uint32_t(lone.size())));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));   // all queued at the sockets
+
+    // First pass: the bound from the busy socket, then the other socket's turn.
+    EXPECT_EQ(0, receiver.transmitter.ReceiveMessage());
+    std::vector<std::vector<octet>> records = TakeAll(receiver.ring);
+    ASSERT_EQ(size_t(uiBound) + 1, records.size());
+    for (uint32_t i = 0; i < uiBound; ++i)
+        ASSERT_EQ(Numbered('A', i), records[i]) << "record " << i;
+    EXPECT_EQ(lone, records[uiBound]);
+
+    // Second pass: the rest of the burst, in order, and an empty queue behind it
+    // is no error.
+    EXPECT_EQ(0, receiver.transmitter.ReceiveMessage());
+    records = TakeAll(receiver.ring);
+    ASSERT_EQ(size_t(uiBurst - uiBound), records.size());
+    for (uint32_t i = 0; i < records.size(); ++i)
+        ASSERT_EQ(Numbered('A', uiBound + i), records[i]) << "record " << i;
+
+    receiver.transmitter.RequestStop();   // the next wait ends at once
+    EXPECT_EQ(58, receiver.transmitter.ReceiveMessage());
+    EXPECT_EQ(0, log.CountPrefix("[MessageTransmitterUDP::ReceiveMessage]"));
+}
+
+TEST(MessageTransmitterUDP_thread, ABurstSentBackToBackReachesTheRingWhole)
+{
+    MORVODDS_REQUIRE_PRIVATE_NETNS();
+    LogCapture log;
+    Node sender;
+    Node receiver;
+    const Locator_t source = MakeLocator(127, 0, 0, 1, 0);
+    const Locator_t destination = MakeLocator(127, 0, 0, 1, 17072);
+    ASSERT_EQ(0, receiver.transmitter.ReceiveAddrAdd(destination));
+    ASSERT_EQ(0, sender.transmitter.SendAddrAdd(source));
+    // With one CPU the sender may keep it for the whole burst, so that only the
+    // socket's queue stands between the burst and a loss, whatever the receive
+    // thread does; the system's cap on that queue (rmem_max) decides then.
+    int iQueue = 0;
+    socklen_t queueLength = sizeof(iQueue);
+    ASSERT_EQ(0, getsockopt(receiver.transmitter.GetReceiveSocket(17072), SOL_SOCKET, SO_RCVBUF, &iQueue,
+                            &queueLength));
+    cpu_set_t cpus;
+    const bool bOneCpu = sched_getaffinity(0, sizeof(cpus), &cpus) == 0 && CPU_COUNT(&cpus) < 2;
+    if (bOneCpu && iQueue < (4 << 20))
+        GTEST_SKIP() << "one CPU and a receive queue of " << iQueue << " bytes";
+    ReceiveThread thread(receiver.transmitter);
+    ASSERT_TRUE(thread.Started());
+
+    const uint32_t uiBurst = 2000;
+    for (uint32_t i = 0; i < uiBurst; ++i)
+    {
+        std::vector<octet> data = Numbered('C', i);
+        ASSERT_EQ(0, sender.transmitter.MessageSend(source, destination, data.data(), uint32_t(data.size())));
+    }
+    // Every datagram once, in the order sent; a missing one fails after the
+    // ring's waits rather than hanging.
+    for (uint32_t i = 0; i < uiBurst; ++i)
+    {
+        std::vector<octet> record;
+        ASSERT_TRUE(ReadRecord(receiver.ring, record)) << "datagram " << i << " never arrived";
+        ASSERT_EQ(Numbered('C', i), record) << "datagram " << i;
+    }
+    EXPECT_EQ(receiver.ring.GetLength(), receiver.ring.GetAvailableLength());
+    thread.Stop(true);
+    EXPECT_EQ(0, log.CountPrefix("[MessageTransmitterUDP::ReceiveMessage]"));
+    EXPECT_EQ(0, log.CountPrefix("[ReceiveBuffer::Write]"));
 }

@@ -476,3 +476,84 @@ TEST_F(MessageProcessor_Decode, TheProcessThreadDecodesFromTheRingAndStopsWithIt
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
     EXPECT_EQ(buffer[100], 0);
 }
+
+// ------------------------------------------------------------ the buffer between datagrams
+
+namespace {
+// Two DATA in one datagram, the first as long as the short datagram's only one:
+// a short datagram read over the long one's bytes would walk on into sn 99.
+Datagram LongPair() { return Datagram().Data(kRemoteWriter, 1, {1}).Data(kRemoteWriter, 99, {9}); }
+Datagram Short() { return Datagram().Data(kRemoteWriter, 2, {2}); }
+
+bool ZeroFrom(const std::vector<octet>& buffer, size_t uiFrom) {
+    for (size_t i = uiFrom; i < buffer.size(); ++i)
+        if (buffer[i] != 0) return false;
+    return true;
+}
+}  // namespace
+
+TEST_F(MessageProcessor_Decode, ADatagramAfterALongerOneSeesNoneOfItsBytes) {
+    ReceiveBuffer& ring = *m_Participant.getReceiveBuffer();
+    const Datagram longer = LongPair(), shorter = Short();
+    ASSERT_EQ(shorter.bytes.size() * 2 - 20, longer.bytes.size());
+    // The loop's form, as the process thread keeps its buffer and mark.
+    std::vector<octet> buffer(MessageProcessor::MESSAGE_BUFFER_SIZE, 0);
+    uint32_t uiUsed = 0;
+    for (const Datagram* d : {&longer, &shorter, &shorter}) {
+        ASSERT_EQ(ring.Write(d->bytes.data(), uint32_t(d->bytes.size())), 0);
+        ASSERT_EQ(Processor().InterpretMessage(buffer.data(), uiUsed), 0);
+        EXPECT_EQ(uiUsed, d->bytes.size());
+        EXPECT_TRUE(ZeroFrom(buffer, d->bytes.size()));
+    }
+    EXPECT_EQ(SnsOf(m_pUser->data), (Sns{1, 99, 2, 2}));
+
+    // A record longer than the buffer is cut there: the mark stops at the end,
+    // and what follows is still read alone.
+    Datagram huge = LongPair();
+    FillTo(huge, MessageProcessor::MESSAGE_BUFFER_SIZE + 5000);
+    ASSERT_EQ(ring.Write(huge.bytes.data(), uint32_t(huge.bytes.size())), 0);
+    EXPECT_EQ(Processor().InterpretMessage(buffer.data(), uiUsed), 0);
+    EXPECT_EQ(uiUsed, MessageProcessor::MESSAGE_BUFFER_SIZE);
+    ASSERT_EQ(ring.Write(shorter.bytes.data(), uint32_t(shorter.bytes.size())), 0);
+    EXPECT_EQ(Processor().InterpretMessage(buffer.data(), uiUsed), 0);
+    EXPECT_TRUE(ZeroFrom(buffer, shorter.bytes.size()));
+    EXPECT_EQ(SnsOf(m_pUser->data), (Sns{1, 99, 2, 2, 1, 99, 2}));
+
+    // An empty ring leaves the buffer all zeros.
+    ring.Wake();
+    EXPECT_EQ(Processor().InterpretMessage(buffer.data(), uiUsed), 1);
+    EXPECT_EQ(uiUsed, 0u);
+    EXPECT_TRUE(ZeroFrom(buffer, 0));
+}
+
+TEST_F(MessageProcessor_Decode, TheOneBufferFormsClearAllThatTheCallerMayHaveLeft) {
+    // A caller's buffer holding a longer datagram: the plain form knows nothing
+    // of it and clears everything behind the new one.
+    const Datagram longer = LongPair(), shorter = Short();
+    std::vector<octet> buffer(MessageProcessor::MESSAGE_BUFFER_SIZE, 0xFF);
+    std::copy(longer.bytes.begin(), longer.bytes.end(), buffer.begin());
+    ASSERT_EQ(m_Participant.getReceiveBuffer()->Write(shorter.bytes.data(), uint32_t(shorter.bytes.size())), 0);
+    EXPECT_EQ(Processor().InterpretMessage(buffer.data()), 0);
+    EXPECT_TRUE(ZeroFrom(buffer, shorter.bytes.size()));
+    // The test path copies into a buffer of its own each time.
+    EXPECT_EQ(Run(longer), MessageProcessor::INTERPRET_NO_HANDLER);
+    EXPECT_EQ(Run(shorter), MessageProcessor::INTERPRET_NO_HANDLER);
+    EXPECT_EQ(SnsOf(m_pUser->data), (Sns{2, 1, 99, 2}));
+}
+
+TEST_F(MessageProcessor_Decode, TheProcessThreadReadsAShortDatagramAfterALongOneAlone) {
+    ReceiveBuffer& ring = *m_Participant.getReceiveBuffer();
+    const Datagram longer = LongPair(), shorter = Short();
+    ASSERT_EQ(ring.Write(longer.bytes.data(), uint32_t(longer.bytes.size())), 0);
+    ASSERT_EQ(ring.Write(shorter.bytes.data(), uint32_t(shorter.bytes.size())), 0);
+    ::testing::internal::CaptureStdout();
+    std::thread loop(&MessageProcessor::ProcessRun, &Processor());
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (m_pUser->dataCount < 3 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // room for a wrong fourth
+    Processor().RequestStop();
+    loop.join();
+    ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(SnsOf(m_pUser->data), (Sns{1, 99, 2}));
+}
