@@ -9,8 +9,7 @@
 
 #include "messages/MessageProcessor.h"
 
-static void BM_MessageEncoder_ComposeData(benchmark::State& state)
-{
+static void BM_MessageEncoder_ComposeData(benchmark::State& state) {
     const uint32_t uiSize = static_cast<uint32_t>(state.range(0));
     GuidPrefix prefix = {{127, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0}};
     const EntityId_t writerId = {{0x00, 0x00, 0x12}, 0x03};
@@ -20,19 +19,16 @@ static void BM_MessageEncoder_ComposeData(benchmark::State& state)
     SequenceNumber_t seq(0, 1);
     const Time_t timestamp(1000, 0x80000000u);
 
-    for (auto _ : state)
-    {
+    for (auto _ : state) {
         processor.lockMessage();
         uint32_t uiMessageLen = 0;
         octet* pMessage = processor.EncapsulateMessageHeader(uiMessageLen);
+        if (pMessage != nullptr) pMessage = processor.EncapsulateINFOTSMessage(uiMessageLen, timestamp);
         if (pMessage != nullptr)
-            pMessage = processor.EncapsulateINFOTSMessage(uiMessageLen, timestamp);
-        if (pMessage != nullptr)
-            pMessage = processor.EncapsulateDATAMessage(uiMessageLen, payload.data(), uiSize, seq, noQos,
-                                                        writerId);
+            pMessage =
+                processor.EncapsulateDATAMessage(uiMessageLen, payload.data(), uiSize, seq, noQos, writerId);
         processor.unlockMessage();
-        if (pMessage == nullptr)
-        {
+        if (pMessage == nullptr) {
             state.SkipWithError("encoder failed");
             break;
         }

@@ -6,17 +6,14 @@
 
 #include "messages/ReceiveBuffer.h"
 
-static void BM_ReceiveBuffer_WriteRead(benchmark::State& state)
-{
+static void BM_ReceiveBuffer_WriteRead(benchmark::State& state) {
     const uint32_t uiSize = static_cast<uint32_t>(state.range(0));
     ReceiveBuffer ring;
     std::vector<octet> data(uiSize, 0x5A);
     std::vector<octet> out(ReceiveBuffer::READ_DESTINATION_SIZE);
-    for (auto _ : state)
-    {
+    for (auto _ : state) {
         uint32_t uiLength = 0;
-        if (ring.Write(data.data(), uiSize) != 0 || ring.Read(out.data(), uiLength) != 0)
-        {
+        if (ring.Write(data.data(), uiSize) != 0 || ring.Read(out.data(), uiLength) != 0) {
             state.SkipWithError("ring refused a record");
             break;
         }

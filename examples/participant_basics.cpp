@@ -28,7 +28,8 @@ bool Serialise(CDR& out, const Position& p) {
 
 bool Deserialise(CDR& in, Position& p) {
     char* label = nullptr;
-    if (!in.SkipBytes(4) || !in.GetLong(p.id) || !in.GetDouble(p.x) || !in.GetDouble(p.y) || !in.GetString(label))
+    if (!in.SkipBytes(4) || !in.GetLong(p.id) || !in.GetDouble(p.x) || !in.GetDouble(p.y) ||
+        !in.GetString(label))
         return false;
     p.label = label;
     delete[] label;
@@ -51,15 +52,16 @@ int main() {
                 other->get_domain_id());
 
     // A plain name is enough for plain topics; content filters need the description too.
-    std::list<std::string> description = {"struct Position {", "long id;", "double x;", "double y;",
-                                          "string label;", "};"};
+    std::list<std::string> description = {"struct Position {", "long id;",      "double x;",
+                                          "double y;",         "string label;", "};"};
     first->register_type("Position", description);
     other->register_type("Position");
     std::printf("registered type Position in both domains\n");
 
     std::printf("lookup domain 3 gives the first participant: %s\n",
                 factory->lookup_participant(3) == first ? "yes" : "no");
-    std::printf("lookup domain 7 gives its participant: %s\n", factory->lookup_participant(7) == other ? "yes" : "no");
+    std::printf("lookup domain 7 gives its participant: %s\n",
+                factory->lookup_participant(7) == other ? "yes" : "no");
 
     Position sent = {42, 1.5, -2.25, "buoy"};
     unsigned char storage[128] = {};

@@ -50,7 +50,10 @@ struct EntityId_t {
     bool operator<(const EntityId_t& o) const { return std::memcmp(this, &o, 4) < 0; }
 };
 
-#define MORVODDS_ENTITYID(a, b, c, d) EntityId_t{{a, b, c}, d}
+#define MORVODDS_ENTITYID(a, b, c, d) \
+    EntityId_t {                      \
+        {a, b, c}, d                  \
+    }
 const EntityId_t ENTITYID_UNKNOWN = MORVODDS_ENTITYID(0x00, 0x00, 0x00, 0x00);
 const EntityId_t ENTITYID_PARTICIPANT = MORVODDS_ENTITYID(0x00, 0x00, 0x01, 0xC1);
 const EntityId_t ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER = MORVODDS_ENTITYID(0x00, 0x00, 0x03, 0xC2);
@@ -167,8 +170,8 @@ struct Locator_t {
 
     // IPv4 address in host order, from the last four octets (network order on the wire).
     uint32_t GetIPv4() const {
-        return (uint32_t(address[12]) << 24) | (uint32_t(address[13]) << 16) |
-               (uint32_t(address[14]) << 8) | uint32_t(address[15]);
+        return (uint32_t(address[12]) << 24) | (uint32_t(address[13]) << 16) | (uint32_t(address[14]) << 8) |
+               uint32_t(address[15]);
     }
     void SetIPv4(uint32_t hostOrder) {
         address[12] = octet(hostOrder >> 24);
@@ -192,9 +195,7 @@ struct Time_t {
     Time_t() : sec(0), nanosec(0) {}
     Time_t(int32_t s, uint32_t n) : sec(s), nanosec(n) {}
 
-    bool operator>(const Time_t& o) const {
-        return sec > o.sec || (sec == o.sec && nanosec > o.nanosec);
-    }
+    bool operator>(const Time_t& o) const { return sec > o.sec || (sec == o.sec && nanosec > o.nanosec); }
     bool operator<(const Time_t& o) const { return o > *this; }
     bool operator==(const Time_t& o) const { return sec == o.sec && nanosec == o.nanosec; }
     bool operator!=(const Time_t& o) const { return sec != o.sec || nanosec != o.nanosec; }
@@ -221,9 +222,7 @@ struct InstanceHandle_t {
 
     // The value octets are left unset, as in every handle the system makes.
     InstanceHandle_t() : length(16), isValid(0) {}
-    explicit InstanceHandle_t(const GUID_t& guid) : length(16), isValid(1) {
-        std::memcpy(value, &guid, 16);
-    }
+    explicit InstanceHandle_t(const GUID_t& guid) : length(16), isValid(1) { std::memcpy(value, &guid, 16); }
     bool operator==(const InstanceHandle_t& o) const {
         return std::memcmp(value, o.value, 16) == 0 && length == o.length && isValid == o.isValid;
     }

@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace MorvoFun
-{
+namespace MorvoFun {
 // Sleeps iMilliseconds (a negative value sleeps 0). Returns 0.
 int DDS_msleep(int iMilliseconds);
 
@@ -29,4 +28,4 @@ unsigned int StringToUnsigned(std::string strValue);
 // iMaxParts - 1 times (iMaxParts below 2: no cut). Every part but the first
 // starts with its separator. An empty string gives no parts.
 std::vector<std::string> StringSplit(std::string strValue, char separator, int iMaxParts);
-} // namespace MorvoFun
+}  // namespace MorvoFun

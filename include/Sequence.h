@@ -49,7 +49,9 @@ public:
         length = new_length;
         return true;
     }
-    bool set_length(uint32_t new_length) { return set_length(new_length, new_length > maximum ? new_length : maximum); }
+    bool set_length(uint32_t new_length) {
+        return set_length(new_length, new_length > maximum ? new_length : maximum);
+    }
 
     // Appends one element, doubling the maximum when full.
     bool push_back(const T& v) {

@@ -10,8 +10,7 @@ namespace {
 const unsigned long long kGrowStep = 4096;
 
 // Aligns an offset counted from the buffer start; width is a power of two.
-unsigned long long AlignUp(unsigned long long offset, unsigned long long width)
-{
+unsigned long long AlignUp(unsigned long long offset, unsigned long long width) {
     return (offset + width - 1) & ~(width - 1);
 }
 
@@ -27,43 +26,45 @@ CDR::CDR(unsigned char* buffer, unsigned int size, int byte_order, int reserved_
       m_pBase(buffer),
       m_Capacity(size),
       m_ByteSwap(byte_order != 1 ? 1 : 0),
-      m_pEnd(buffer != nullptr ? buffer + size : nullptr)
-{
-}
+      m_pEnd(buffer != nullptr ? buffer + size : nullptr) {}
 
 // Frees nothing: the caller owns what GetBufferPtr() gives (see the header).
 CDR::~CDR() {}
 
-unsigned long long CDR::BytesRemaining() const { return m_Remaining; }
+unsigned long long CDR::BytesRemaining() const {
+    return m_Remaining;
+}
 
-unsigned char* CDR::GetBufferPtr() const { return m_pBase; }
+unsigned char* CDR::GetBufferPtr() const {
+    return m_pBase;
+}
 
-unsigned long long CDR::GetBufferLen() const { return m_Capacity; }
+unsigned long long CDR::GetBufferLen() const {
+    return m_Capacity;
+}
 
-unsigned long long CDR::GetContentLen() const { return OffsetOf(m_pCursor); }
+unsigned long long CDR::GetContentLen() const {
+    return OffsetOf(m_pCursor);
+}
 
-unsigned char CDR::SetContentLen(unsigned long long size)
-{
+unsigned char CDR::SetContentLen(unsigned long long size) {
     m_Remaining = size;
     return 1;
 }
 
-unsigned char CDR::ResetBuffer()
-{
+unsigned char CDR::ResetBuffer() {
     m_pCursor = m_pBase;
     m_Remaining = m_Capacity;
     m_pEnd = m_pBase != nullptr ? m_pBase + m_Capacity : nullptr;
     return 1;
 }
 
-unsigned char CDR::SetByteSwap(int swap)
-{
+unsigned char CDR::SetByteSwap(int swap) {
     m_ByteSwap = swap;
     return 1;
 }
 
-unsigned char CDR::SetupEncapsulation(unsigned char* data, unsigned int length)
-{
+unsigned char CDR::SetupEncapsulation(unsigned char* data, unsigned int length) {
     // data[0] is the byte-order octet, so an empty block has nothing to read.
     if (data == nullptr || length == 0) {
         return 0;
@@ -76,8 +77,7 @@ unsigned char CDR::SetupEncapsulation(unsigned char* data, unsigned int length)
     return 1;
 }
 
-unsigned char CDR::Grow(unsigned long long size)
-{
+unsigned char CDR::Grow(unsigned long long size) {
     unsigned long long ullNew;
     if (size == 0) {
         ullNew = m_Capacity < kGrowStep ? m_Capacity + kGrowStep : m_Capacity * 2;
@@ -114,8 +114,7 @@ unsigned char CDR::Grow(unsigned long long size)
     return 1;
 }
 
-unsigned long long CDR::Available() const
-{
+unsigned long long CDR::Available() const {
     if (m_pCursor == nullptr || m_pEnd == nullptr) {
         return 0;
     }
@@ -123,22 +122,19 @@ unsigned long long CDR::Available() const
     return m_Remaining < ullReal ? m_Remaining : ullReal;
 }
 
-unsigned long long CDR::OffsetOf(const unsigned char* p) const
-{
+unsigned long long CDR::OffsetOf(const unsigned char* p) const {
     // Integer arithmetic: after SetupEncapsulation the cursor may lie in a
     // block other than the base one, and alignment still counts from base.
     return static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(p) -
                                            reinterpret_cast<std::uintptr_t>(m_pBase));
 }
 
-unsigned long long CDR::StepFor(unsigned long long width) const
-{
+unsigned long long CDR::StepFor(unsigned long long width) const {
     unsigned long long ullOffset = OffsetOf(m_pCursor);
     return AlignUp(ullOffset, width) - ullOffset + width;
 }
 
-unsigned char* CDR::Claim(unsigned long long width, bool grow)
-{
+unsigned char* CDR::Claim(unsigned long long width, bool grow) {
     unsigned long long ullStep = StepFor(width);
     if (ullStep > Available()) {
         // One growth adds at least 4096 octets, more than any single value.
@@ -152,8 +148,7 @@ unsigned char* CDR::Claim(unsigned long long width, bool grow)
     return pSlot;
 }
 
-unsigned char CDR::Read(void* target, unsigned long long width)
-{
+unsigned char CDR::Read(void* target, unsigned long long width) {
     const unsigned char* pSlot = Claim(width, false);
     if (pSlot == nullptr) {
         return 0;
@@ -169,8 +164,7 @@ unsigned char CDR::Read(void* target, unsigned long long width)
     return 1;
 }
 
-unsigned char CDR::Write(const void* source, unsigned long long width)
-{
+unsigned char CDR::Write(const void* source, unsigned long long width) {
     unsigned char* pSlot = Claim(width, true);
     if (pSlot == nullptr) {
         return 0;
@@ -179,8 +173,7 @@ unsigned char CDR::Write(const void* source, unsigned long long width)
     return 1;
 }
 
-unsigned char CDR::ReserveOctets(unsigned long long n)
-{
+unsigned char CDR::ReserveOctets(unsigned long long n) {
     if (n <= Available()) {
         return 1;
     }
@@ -194,15 +187,26 @@ unsigned char CDR::ReserveOctets(unsigned long long n)
     return Grow(ullWant) != 0 && n <= Available() ? 1 : 0;
 }
 
-unsigned char CDR::GetByte(unsigned char& v) { return Read(&v, 1); }
-unsigned char CDR::PutByte(unsigned char v) { return Write(&v, 1); }
-unsigned char CDR::GetChar(char& v) { return Read(&v, 1); }
-unsigned char CDR::PutChar(char v) { return Write(&v, 1); }
-unsigned char CDR::GetOctet(unsigned char& v) { return Read(&v, 1); }
-unsigned char CDR::PutOctet(unsigned char v) { return Write(&v, 1); }
+unsigned char CDR::GetByte(unsigned char& v) {
+    return Read(&v, 1);
+}
+unsigned char CDR::PutByte(unsigned char v) {
+    return Write(&v, 1);
+}
+unsigned char CDR::GetChar(char& v) {
+    return Read(&v, 1);
+}
+unsigned char CDR::PutChar(char v) {
+    return Write(&v, 1);
+}
+unsigned char CDR::GetOctet(unsigned char& v) {
+    return Read(&v, 1);
+}
+unsigned char CDR::PutOctet(unsigned char v) {
+    return Write(&v, 1);
+}
 
-unsigned char CDR::GetBoolean(bool& v)
-{
+unsigned char CDR::GetBoolean(bool& v) {
     unsigned char uc = 0;
     if (Read(&uc, 1) == 0) {
         return 0;
@@ -211,19 +215,25 @@ unsigned char CDR::GetBoolean(bool& v)
     return 1;
 }
 
-unsigned char CDR::PutBoolean(bool v)
-{
+unsigned char CDR::PutBoolean(bool v) {
     unsigned char uc = v ? 1 : 0;
     return Write(&uc, 1);
 }
 
-unsigned char CDR::GetShort(short& v) { return Read(&v, 2); }
-unsigned char CDR::PutShort(short v) { return Write(&v, 2); }
-unsigned char CDR::GetUShort(unsigned short& v) { return Read(&v, 2); }
-unsigned char CDR::PutUShort(unsigned short v) { return Write(&v, 2); }
+unsigned char CDR::GetShort(short& v) {
+    return Read(&v, 2);
+}
+unsigned char CDR::PutShort(short v) {
+    return Write(&v, 2);
+}
+unsigned char CDR::GetUShort(unsigned short& v) {
+    return Read(&v, 2);
+}
+unsigned char CDR::PutUShort(unsigned short v) {
+    return Write(&v, 2);
+}
 
-unsigned char CDR::GetWChar(wchar_t& v)
-{
+unsigned char CDR::GetWChar(wchar_t& v) {
     unsigned short us = 0;
     if (Read(&us, 2) == 0) {
         return 0;
@@ -232,32 +242,54 @@ unsigned char CDR::GetWChar(wchar_t& v)
     return 1;
 }
 
-unsigned char CDR::PutWChar(wchar_t v)
-{
+unsigned char CDR::PutWChar(wchar_t v) {
     unsigned short us = static_cast<unsigned short>(v);
     return Write(&us, 2);
 }
 
-unsigned char CDR::GetLong(int& v) { return Read(&v, 4); }
-unsigned char CDR::PutLong(int v) { return Write(&v, 4); }
-unsigned char CDR::GetULong(unsigned int& v) { return Read(&v, 4); }
-unsigned char CDR::PutULong(unsigned int v) { return Write(&v, 4); }
-unsigned char CDR::GetFloat(float& v) { return Read(&v, 4); }
-unsigned char CDR::PutFloat(float v) { return Write(&v, 4); }
+unsigned char CDR::GetLong(int& v) {
+    return Read(&v, 4);
+}
+unsigned char CDR::PutLong(int v) {
+    return Write(&v, 4);
+}
+unsigned char CDR::GetULong(unsigned int& v) {
+    return Read(&v, 4);
+}
+unsigned char CDR::PutULong(unsigned int v) {
+    return Write(&v, 4);
+}
+unsigned char CDR::GetFloat(float& v) {
+    return Read(&v, 4);
+}
+unsigned char CDR::PutFloat(float v) {
+    return Write(&v, 4);
+}
 
-unsigned char CDR::GetLongLong(long long& v) { return Read(&v, 8); }
-unsigned char CDR::PutLongLong(long long v) { return Write(&v, 8); }
-unsigned char CDR::GetULongLong(unsigned long long& v) { return Read(&v, 8); }
-unsigned char CDR::PutULongLong(unsigned long long v) { return Write(&v, 8); }
-unsigned char CDR::GetDouble(double& v) { return Read(&v, 8); }
-unsigned char CDR::PutDouble(double v) { return Write(&v, 8); }
+unsigned char CDR::GetLongLong(long long& v) {
+    return Read(&v, 8);
+}
+unsigned char CDR::PutLongLong(long long v) {
+    return Write(&v, 8);
+}
+unsigned char CDR::GetULongLong(unsigned long long& v) {
+    return Read(&v, 8);
+}
+unsigned char CDR::PutULongLong(unsigned long long v) {
+    return Write(&v, 8);
+}
+unsigned char CDR::GetDouble(double& v) {
+    return Read(&v, 8);
+}
+unsigned char CDR::PutDouble(double v) {
+    return Write(&v, 8);
+}
 
 // The slot was laid out where long double is a 64-bit double: the value is the
 // first 8 octets of the 16, and a swapped read reverses all 16 and keeps the
 // first 8 of the result. Going through a double keeps the wire octets the same
 // and never writes more than the host's long double holds, whatever its width.
-unsigned char CDR::GetLongDouble(long double& v)
-{
+unsigned char CDR::GetLongDouble(long double& v) {
     const unsigned char* pSlot = Claim(16, false);
     if (pSlot == nullptr) {
         return 0;
@@ -272,8 +304,7 @@ unsigned char CDR::GetLongDouble(long double& v)
     return 1;
 }
 
-unsigned char CDR::PutLongDouble(long double v)
-{
+unsigned char CDR::PutLongDouble(long double v) {
     unsigned char* pSlot = Claim(16, true);
     if (pSlot == nullptr) {
         return 0;
@@ -283,8 +314,7 @@ unsigned char CDR::PutLongDouble(long double v)
     return 1;
 }
 
-unsigned char CDR::GetByteStr(unsigned char* dest, unsigned short n)
-{
+unsigned char CDR::GetByteStr(unsigned char* dest, unsigned short n) {
     if (n > Available() || (n != 0 && dest == nullptr)) {
         return 0;
     }
@@ -296,8 +326,7 @@ unsigned char CDR::GetByteStr(unsigned char* dest, unsigned short n)
     return 1;
 }
 
-unsigned char CDR::PutByteStr(unsigned char* src, unsigned short n)
-{
+unsigned char CDR::PutByteStr(unsigned char* src, unsigned short n) {
     if (n == 0) {
         return 1;
     }
@@ -310,8 +339,7 @@ unsigned char CDR::PutByteStr(unsigned char* src, unsigned short n)
     return 1;
 }
 
-unsigned char CDR::PutString(const char* str)
-{
+unsigned char CDR::PutString(const char* str) {
     if (str == nullptr) {
         return PutULong(1) != 0 && PutOctet(0) != 0 ? 1 : 0;
     }
@@ -325,8 +353,7 @@ unsigned char CDR::PutString(const char* str)
     return 1;
 }
 
-unsigned char CDR::GetString(char*& dest)
-{
+unsigned char CDR::GetString(char*& dest) {
     unsigned int uiLen = 0;
     if (GetULong(uiLen) == 0 || uiLen > Available()) {
         return 0;
@@ -345,8 +372,7 @@ unsigned char CDR::GetString(char*& dest)
     return 1;
 }
 
-unsigned char CDR::SkipString()
-{
+unsigned char CDR::SkipString() {
     unsigned int uiLen = 0;
     if (GetULong(uiLen) == 0 || uiLen > Available()) {
         return 0;
@@ -356,8 +382,7 @@ unsigned char CDR::SkipString()
     return 1;
 }
 
-unsigned char CDR::Skip(short n)
-{
+unsigned char CDR::Skip(short n) {
     if (n < 0) {
         return 0;
     }
@@ -367,8 +392,7 @@ unsigned char CDR::Skip(short n)
     return Claim(static_cast<unsigned long long>(n), false) != nullptr ? 1 : 0;
 }
 
-unsigned char CDR::SkipBytes(unsigned int n)
-{
+unsigned char CDR::SkipBytes(unsigned int n) {
     if (n > Available()) {
         return 0;
     }

@@ -4,8 +4,7 @@
 
 uint64_t g_HighResClockLastNow = 0;
 
-uint64_t HighResClock::Now()
-{
+uint64_t HighResClock::Now() {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     const uint64_t value =
@@ -14,13 +13,11 @@ uint64_t HighResClock::Now()
     return value;
 }
 
-uint64_t HighResClock::Frequency()
-{
+uint64_t HighResClock::Frequency() {
     return 1000000000ull;
 }
 
-int64_t HighResClock::ElapsedMicroseconds(uint64_t start, uint64_t end)
-{
+int64_t HighResClock::ElapsedMicroseconds(uint64_t start, uint64_t end) {
     const int64_t diff = static_cast<int64_t>(end - start);
     const int64_t frequency = static_cast<int64_t>(Frequency());
     // Split so that a nanosecond counter does not overflow after a few hours;

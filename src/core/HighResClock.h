@@ -7,8 +7,7 @@
 // Last value read by HighResClock::Now(); written without a guard, read by no one.
 extern uint64_t g_HighResClockLastNow;
 
-class HighResClock
-{
+class HighResClock {
 public:
     // Counter value (monotonic, nanoseconds); also stored in g_HighResClockLastNow.
     static uint64_t Now();

@@ -11,8 +11,7 @@ typedef void (*timer_callback)(void* pArgument, unsigned char flag);
 struct MorvoTimerQueue;
 struct MorvoTimerState;
 
-class MorvoTimer
-{
+class MorvoTimer {
 public:
     // Delay of the first firing, whatever the period.
     static constexpr unsigned int FIRST_DUE_MS = 2000;
@@ -43,6 +42,6 @@ public:
 
 private:
     // Atomic so that two racing Stop calls delete the queue only once.
-    std::atomic<MorvoTimerQueue*> m_pTimerQueue; // the thread; null when not running
-    std::atomic<MorvoTimerState*> m_pTimer;      // shared schedule; null when not running
+    std::atomic<MorvoTimerQueue*> m_pTimerQueue;  // the thread; null when not running
+    std::atomic<MorvoTimerState*> m_pTimer;       // shared schedule; null when not running
 };

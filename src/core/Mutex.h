@@ -6,8 +6,7 @@
 
 struct MutexHandle;
 
-class Mutex
-{
+class Mutex {
 public:
     Mutex();
     virtual ~Mutex();
@@ -24,6 +23,6 @@ public:
     int TryLock(unsigned int uiMilliseconds);
 
 private:
-    std::string m_strName;          // always empty: the mutex is unnamed
+    std::string m_strName;  // always empty: the mutex is unnamed
     MutexHandle* m_pHandle;
 };

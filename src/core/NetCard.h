@@ -5,11 +5,10 @@
 #include <string>
 #include <vector>
 
-struct netCard
-{
-    std::string strName;                    // display name of the adapter
-    std::vector<std::string> IPAddstrVec;   // dotted addresses, in the system's order
-    std::vector<unsigned int> IPAddressVec; // the same addresses, host order
+struct netCard {
+    std::string strName;                     // display name of the adapter
+    std::vector<std::string> IPAddstrVec;    // dotted addresses, in the system's order
+    std::vector<unsigned int> IPAddressVec;  // the same addresses, host order
 };
 
 // Appends one record per running adapter (up and running) that has an IPv4

@@ -7,14 +7,13 @@
 
 struct SemaphoreHandle;
 
-class Semaphore
-{
+class Semaphore {
 public:
     // Wait() without a time limit.
     static constexpr unsigned int INFINITE_WAIT = 0xFFFFFFFF;
     static constexpr int WAIT_TIMEOUT_RESULT = -100;
 
-    Semaphore();                                // initial 1, maximum 1
+    Semaphore();  // initial 1, maximum 1
     Semaphore(int iInitialCount, int iMaximumCount);
     virtual ~Semaphore();
 
@@ -31,6 +30,6 @@ public:
     int Wait(unsigned int uiMilliseconds);
 
 private:
-    std::string m_strName;          // always empty: the semaphore is unnamed
+    std::string m_strName;  // always empty: the semaphore is unnamed
     SemaphoreHandle* m_pHandle;
 };

@@ -5,20 +5,18 @@
 #include <cstdint>
 
 // Broken-down local time with milliseconds.
-struct LocalClockTime
-{
+struct LocalClockTime {
     int year;
-    int month;       // 1..12
-    int dayOfWeek;   // 0 = Sunday
-    int day;         // 1..31
+    int month;      // 1..12
+    int dayOfWeek;  // 0 = Sunday
+    int day;        // 1..31
     int hour;
     int minute;
     int second;
     int millisecond;
 };
 
-class SystemClock
-{
+class SystemClock {
 public:
     // Offset from 1601-01-01 to 1970-01-01 in 100 ns ticks.
     static constexpr uint64_t FILETIME_UNIX_EPOCH = 116444736000000000ull;

@@ -10,8 +10,7 @@
 typedef unsigned int (*thread_entry)(void* pArgument);
 
 // Priorities in the values that callers pass; 0 is normal.
-enum ThreadPriority
-{
+enum ThreadPriority {
     THREAD_PRIORITY_LOWEST_LEVEL = -2,
     THREAD_PRIORITY_BELOW_NORMAL_LEVEL = -1,
     THREAD_PRIORITY_NORMAL_LEVEL = 0,
@@ -21,11 +20,10 @@ enum ThreadPriority
 
 struct ThreadHandle;
 
-class Thread
-{
+class Thread {
 public:
-    Thread();                                   // stack size 0x100000
-    explicit Thread(const std::string& strName); // stack size 10240
+    Thread();                                     // stack size 0x100000
+    explicit Thread(const std::string& strName);  // stack size 10240
     // Frees the name and the handle record only; never joins.
     virtual ~Thread();
 

@@ -21,15 +21,19 @@ DataReader::~DataReader() {}
 // The Impl's code (11 on an empty cache) is dropped on purpose: callers,
 // the built-in readers among them, test for an empty result instead.
 
-ReturnCode_t DataReader::read(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos, int max_samples,
-                              unsigned sample_states, unsigned view_states, unsigned instance_states) {
-    m_pDataReaderImpl->read(data_values, sample_infos, max_samples, sample_states, view_states, instance_states);
+ReturnCode_t DataReader::read(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos,
+                              int max_samples, unsigned sample_states, unsigned view_states,
+                              unsigned instance_states) {
+    m_pDataReaderImpl->read(data_values, sample_infos, max_samples, sample_states, view_states,
+                            instance_states);
     return RETCODE_OK;
 }
 
-ReturnCode_t DataReader::take(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos, int max_samples,
-                              unsigned sample_states, unsigned view_states, unsigned instance_states) {
-    m_pDataReaderImpl->take(data_values, sample_infos, max_samples, sample_states, view_states, instance_states);
+ReturnCode_t DataReader::take(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos,
+                              int max_samples, unsigned sample_states, unsigned view_states,
+                              unsigned instance_states) {
+    m_pDataReaderImpl->take(data_values, sample_infos, max_samples, sample_states, view_states,
+                            instance_states);
     return RETCODE_OK;
 }
 
@@ -55,8 +59,8 @@ ReturnCode_t DataReader::get_matched_publication_data(PublicationBuiltinTopicDat
     return pParticipant->get_publication_data(publication_data, publication_handle);
 }
 
-ReturnCode_t DataReader::get_matched_publication_participant_data(ParticipantBuiltinTopicData& participant_data,
-                                                                  const InstanceHandle_t& publication_handle) {
+ReturnCode_t DataReader::get_matched_publication_participant_data(
+    ParticipantBuiltinTopicData& participant_data, const InstanceHandle_t& publication_handle) {
     // The writer's prefix with the participant's entity id.
     InstanceHandle_t participantHandle = publication_handle;
     std::memcpy(&participantHandle.value[12], &ENTITYID_PARTICIPANT, 4);
@@ -66,27 +70,37 @@ ReturnCode_t DataReader::get_matched_publication_participant_data(ParticipantBui
 
 // ---------------------------------------------------------------- accessors
 
-Subscriber* DataReader::get_subscriber() { return m_pDataReaderImpl->getSubscriberImpl()->getFacade(); }
+Subscriber* DataReader::get_subscriber() {
+    return m_pDataReaderImpl->getSubscriberImpl()->getFacade();
+}
 
 TopicDescription* DataReader::get_topicdescription() {
     return m_pDataReaderImpl->getTopicDescriptionImpl()->getFacade();
 }
 
-ReturnCode_t DataReader::get_qos(DataReaderQos& qos) { return m_pDataReaderImpl->get_qos(qos); }
+ReturnCode_t DataReader::get_qos(DataReaderQos& qos) {
+    return m_pDataReaderImpl->get_qos(qos);
+}
 
-DataReaderListener* DataReader::get_listener() { return m_pDataReaderImpl->get_listener(); }
+DataReaderListener* DataReader::get_listener() {
+    return m_pDataReaderImpl->get_listener();
+}
 
-GUID_t DataReader::getGuid() { return m_pDataReaderImpl->getGuid(); }
+GUID_t DataReader::getGuid() {
+    return m_pDataReaderImpl->getGuid();
+}
 
 // ---------------------------------------------------------------- stubs
 
 ReturnCode_t DataReader::return_loan(UserData& data_value, SampleInfoSeq sample_infos) {
-    (void)data_value; (void)sample_infos;
+    (void)data_value;
+    (void)sample_infos;
     return StubResult();
 }
 
 ReturnCode_t DataReader::set_listener(DataReaderListener* a_listener, unsigned long mask) {
-    (void)a_listener; (void)mask;
+    (void)a_listener;
+    (void)mask;
     return StubResult();
 }
 

@@ -17,8 +17,8 @@
 
 // ---------------------------------------------------------------- construction
 
-DataReaderImpl::DataReaderImpl(SubscriberImpl* pSubscriber, TopicDescriptionImpl* pTopic, const DataReaderQos& qos,
-                               DataReaderListener* pListener, unsigned long mask)
+DataReaderImpl::DataReaderImpl(SubscriberImpl* pSubscriber, TopicDescriptionImpl* pTopic,
+                               const DataReaderQos& qos, DataReaderListener* pListener, unsigned long mask)
     : m_pDataReader(nullptr),
       m_pSubscriberImpl(pSubscriber),
       m_pTopicDescriptionImpl(pTopic),
@@ -40,8 +40,9 @@ DataReaderImpl::DataReaderImpl(SubscriberImpl* pSubscriber, TopicDescriptionImpl
     new DataReader(this);  // stores itself in m_pDataReader
 
     // KEEP_ALL is bounded by max_samples; LENGTH_UNLIMITED (-1) becomes the largest bound.
-    uint32_t uiCapacity = m_Qos.history.kind == KEEP_ALL_HISTORY_QOS ? uint32_t(m_Qos.resource_limits.max_samples)
-                                                                     : uint32_t(m_Qos.history.depth);
+    uint32_t uiCapacity = m_Qos.history.kind == KEEP_ALL_HISTORY_QOS
+                              ? uint32_t(m_Qos.resource_limits.max_samples)
+                              : uint32_t(m_Qos.history.depth);
     // A time-based filter keeps only the latest sample: the listener skips the
     // others, and the cache must not pile them up either.
     if (m_Qos.time_based_filter.minimum_separation != DURATION_ZERO) {
@@ -93,7 +94,9 @@ void DataReaderImpl::setReader(StatefulReader* pReader) {
     pReader->setDataReader(this);
 }
 
-GUID_t DataReaderImpl::getGuid() const { return m_pReader != nullptr ? m_pReader->getGUID() : GUID_UNKNOWN; }
+GUID_t DataReaderImpl::getGuid() const {
+    return m_pReader != nullptr ? m_pReader->getGUID() : GUID_UNKNOWN;
+}
 
 ReturnCode_t DataReaderImpl::set_listener(DataReaderListener* pListener, unsigned long mask) {
     (void)mask;  // the mask of creation stays
@@ -106,7 +109,9 @@ ReturnCode_t DataReaderImpl::get_qos(DataReaderQos& qos) const {
     return RETCODE_OK;
 }
 
-bool DataReaderImpl::IsBuiltinTopic() const { return DomainParticipantImpl::IsBuiltinTopicName(m_strTopicName); }
+bool DataReaderImpl::IsBuiltinTopic() const {
+    return DomainParticipantImpl::IsBuiltinTopicName(m_strTopicName);
+}
 
 void DataReaderImpl::Log(const char* szText, int iCode) const {
     char szLog[200];
@@ -116,7 +121,9 @@ void DataReaderImpl::Log(const char* szText, int iCode) const {
 
 // ---------------------------------------------------------------- delivery
 
-void DataReaderImpl::setLastSequenceNumber(const SequenceNumber_t& seqNum) { m_LastSeqNum = seqNum; }
+void DataReaderImpl::setLastSequenceNumber(const SequenceNumber_t& seqNum) {
+    m_LastSeqNum = seqNum;
+}
 
 int DataReaderImpl::DataReceive(CacheChange* pCacheChange) {
     char szLog[200];
@@ -287,7 +294,8 @@ void DataReaderImpl::subscriptionMatched(const InstanceHandle_t& writerHandle) {
     m_pStatusMutex->Unlock();
 
     DomainParticipantListener* pMonitor = m_pSubscriberImpl->getParticipant()->getMonitorListener();
-    if (pMonitor != nullptr) static_cast<DataReaderListener*>(pMonitor)->on_subscription_matched(m_pDataReader, status);
+    if (pMonitor != nullptr)
+        static_cast<DataReaderListener*>(pMonitor)->on_subscription_matched(m_pDataReader, status);
     DataReaderListener* pListener = m_pListener.load();
     if (pListener != nullptr && (m_Mask & SUBSCRIPTION_MATCHED_STATUS) != 0)
         pListener->on_subscription_matched(m_pDataReader, status);

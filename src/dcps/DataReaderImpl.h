@@ -110,28 +110,28 @@ private:
     bool IsBuiltinTopic() const;
     void Log(const char* szText, int iCode) const;
 
-    DataReader* m_pDataReader;                          // owned facade
-    SubscriberImpl* m_pSubscriberImpl;                  // owner
-    TopicDescriptionImpl* m_pTopicDescriptionImpl;      // borrowed; may be a content-filtered topic
-    DataReaderQos m_Qos;                                // deep copy, multicast ports filled in
-    std::atomic<DataReaderListener*> m_pListener;       // borrowed; read on the timer thread
+    DataReader* m_pDataReader;                      // owned facade
+    SubscriberImpl* m_pSubscriberImpl;              // owner
+    TopicDescriptionImpl* m_pTopicDescriptionImpl;  // borrowed; may be a content-filtered topic
+    DataReaderQos m_Qos;                            // deep copy, multicast ports filled in
+    std::atomic<DataReaderListener*> m_pListener;   // borrowed; read on the timer thread
     unsigned long m_Mask;
-    StatefulReader* m_pReader;                          // owned by the RTPS participant
-    HistoryCache* m_pHistoryCache;                      // owned
-    MorvoTimer* m_pDeadlineTimer;                       // null unless the deadline is finite
-    std::atomic<bool> m_bNoSampleInPeriod;              // cleared per sample, set by the timer
-    GUID_t m_ExclusiveOwner;                            // GUID_UNKNOWN when none
+    StatefulReader* m_pReader;              // owned by the RTPS participant
+    HistoryCache* m_pHistoryCache;          // owned
+    MorvoTimer* m_pDeadlineTimer;           // null unless the deadline is finite
+    std::atomic<bool> m_bNoSampleInPeriod;  // cleared per sample, set by the timer
+    GUID_t m_ExclusiveOwner;                // GUID_UNKNOWN when none
     int m_iOwnerStrength;
-    uint64_t m_ullLastDeliveryTime;                     // HighResClock counter, time-based filter
+    uint64_t m_ullLastDeliveryTime;  // HighResClock counter, time-based filter
     RequestedDeadlineMissedStatus m_DeadlineStatus;
     SubscriptionMatchedStatus m_MatchedStatus;
     LivelinessChangedStatus m_LivelinessStatus;
-    FilterExpression* m_pFilterExpression;              // borrowed from the topic; null for a plain one
-    SequenceNumber_t m_LastSeqNum;                      // the writer's number, for the receive log
+    FilterExpression* m_pFilterExpression;  // borrowed from the topic; null for a plain one
+    SequenceNumber_t m_LastSeqNum;          // the writer's number, for the receive log
 
-    Mutex* m_pStatusMutex;                              // owner and status records only
+    Mutex* m_pStatusMutex;  // owner and status records only
     int m_iLogId;
-    std::string m_strTopicName;                         // the description's name, fixed at creation
+    std::string m_strTopicName;  // the description's name, fixed at creation
 };
 
 #endif

@@ -41,9 +41,13 @@ UserData& Element(std::vector<UserData>& data_values, uint32_t uiIndex) {
 
 }  // namespace
 
-ReturnCode_t DataReaderImpl::read(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos, int max_samples,
-                                  unsigned sample_states, unsigned view_states, unsigned instance_states) {
-    (void)max_samples; (void)sample_states; (void)view_states; (void)instance_states;
+ReturnCode_t DataReaderImpl::read(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos,
+                                  int max_samples, unsigned sample_states, unsigned view_states,
+                                  unsigned instance_states) {
+    (void)max_samples;
+    (void)sample_states;
+    (void)view_states;
+    (void)instance_states;
     char szLog[200];
     const uint32_t uiCount = m_pHistoryCache->GetChangeCount();
     if (uiCount == 0) {
@@ -67,9 +71,13 @@ ReturnCode_t DataReaderImpl::read(std::vector<UserData>& data_values, SampleInfo
     return RETCODE_OK;
 }
 
-ReturnCode_t DataReaderImpl::take(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos, int max_samples,
-                                  unsigned sample_states, unsigned view_states, unsigned instance_states) {
-    (void)max_samples; (void)sample_states; (void)view_states; (void)instance_states;
+ReturnCode_t DataReaderImpl::take(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos,
+                                  int max_samples, unsigned sample_states, unsigned view_states,
+                                  unsigned instance_states) {
+    (void)max_samples;
+    (void)sample_states;
+    (void)view_states;
+    (void)instance_states;
     char szLog[200];
     const uint32_t uiCount = m_pHistoryCache->GetChangeCount();
     if (uiCount == 0) {
@@ -109,7 +117,8 @@ ReturnCode_t DataReaderImpl::NextSample(UserData& data_value, bool bTake) {
     // Both forms log with the take wording.
     char szLog[200];
     if (m_pHistoryCache->GetChangeCount() == 0) {
-        std::snprintf(szLog, sizeof(szLog), "{DataReaderImpl::take_next_sample] NO_DATA Error and TopicName = %s",
+        std::snprintf(szLog, sizeof(szLog),
+                      "{DataReaderImpl::take_next_sample] NO_DATA Error and TopicName = %s",
                       m_strTopicName.c_str());
         Log(szLog, DDSLOG_INFO);
         return NO_DATA;

@@ -28,8 +28,8 @@ ReturnCode_t DataWriter::write(const char* data, unsigned int length, const Inst
     return m_pDataWriterImpl->write(data, length, handle, parameters, GetRtpsTimestamp(), GUID_UNKNOWN);
 }
 
-ReturnCode_t DataWriter::write_w_timestamp(const char* data, unsigned int length, const InstanceHandle_t& handle,
-                                           const Time_t& source_timestamp) {
+ReturnCode_t DataWriter::write_w_timestamp(const char* data, unsigned int length,
+                                           const InstanceHandle_t& handle, const Time_t& source_timestamp) {
     std::list<Parameter> parameters;
     return m_pDataWriterImpl->write(data, length, handle, parameters, source_timestamp, GUID_UNKNOWN);
 }
@@ -47,7 +47,9 @@ ReturnCode_t DataWriter::directed_write(const char* data, unsigned int length, c
 
 // ---------------------------------------------------------------- liveliness and matches
 
-ReturnCode_t DataWriter::assert_liveliness() { return m_pDataWriterImpl->assert_liveliness(); }
+ReturnCode_t DataWriter::assert_liveliness() {
+    return m_pDataWriterImpl->assert_liveliness();
+}
 
 ReturnCode_t DataWriter::get_publication_matched_status(PublicationMatchedStatus& status) {
     status = m_pDataWriterImpl->getPublicationMatchedStatus();
@@ -60,8 +62,8 @@ ReturnCode_t DataWriter::get_matched_subscription_data(SubscriptionBuiltinTopicD
     return pParticipant->get_subscription_data(subscription_data, subscription_handle);
 }
 
-ReturnCode_t DataWriter::get_matched_subscription_participant_data(ParticipantBuiltinTopicData& participant_data,
-                                                                   const InstanceHandle_t& subscription_handle) {
+ReturnCode_t DataWriter::get_matched_subscription_participant_data(
+    ParticipantBuiltinTopicData& participant_data, const InstanceHandle_t& subscription_handle) {
     // The reader's prefix with the participant's entity id.
     InstanceHandle_t participantHandle = subscription_handle;
     std::memcpy(&participantHandle.value[12], &ENTITYID_PARTICIPANT, 4);
@@ -71,23 +73,32 @@ ReturnCode_t DataWriter::get_matched_subscription_participant_data(ParticipantBu
 
 // ---------------------------------------------------------------- accessors
 
-Publisher* DataWriter::get_publisher() { return m_pDataWriterImpl->getPublisherImpl()->getFacade(); }
+Publisher* DataWriter::get_publisher() {
+    return m_pDataWriterImpl->getPublisherImpl()->getFacade();
+}
 
-Topic* DataWriter::get_topic() { return m_pDataWriterImpl->getTopicImpl()->getTopic(); }
+Topic* DataWriter::get_topic() {
+    return m_pDataWriterImpl->getTopicImpl()->getTopic();
+}
 
 ReturnCode_t DataWriter::get_qos(DataWriterQos& qos) {
     qos = m_pDataWriterImpl->getQos();
     return RETCODE_OK;
 }
 
-GUID_t DataWriter::getGuid() { return m_pDataWriterImpl->getGuid(); }
+GUID_t DataWriter::getGuid() {
+    return m_pDataWriterImpl->getGuid();
+}
 
 // ---------------------------------------------------------------- stubs
 
-DataWriterListener* DataWriter::get_listener() { return nullptr; }
+DataWriterListener* DataWriter::get_listener() {
+    return nullptr;
+}
 
 ReturnCode_t DataWriter::set_listener(DataWriterListener* listener, unsigned long mask) {
-    (void)listener; (void)mask;
+    (void)listener;
+    (void)mask;
     return StubResult();
 }
 

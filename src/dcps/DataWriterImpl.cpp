@@ -60,11 +60,17 @@ void DataWriterImpl::setRtpsWriter(Writer* pWriter) {
     pWriter->setDataWriter(this);
 }
 
-const std::string& DataWriterImpl::getTopicName() const { return m_pTopicImpl->get_name(); }
+const std::string& DataWriterImpl::getTopicName() const {
+    return m_pTopicImpl->get_name();
+}
 
-GUID_t DataWriterImpl::getGuid() const { return m_pWriter != nullptr ? m_pWriter->getGUID() : GUID_UNKNOWN; }
+GUID_t DataWriterImpl::getGuid() const {
+    return m_pWriter != nullptr ? m_pWriter->getGUID() : GUID_UNKNOWN;
+}
 
-int DataWriterImpl::getLogId() const { return m_pPublisherImpl->getParticipant()->getLogId(); }
+int DataWriterImpl::getLogId() const {
+    return m_pPublisherImpl->getParticipant()->getLogId();
+}
 
 void DataWriterImpl::WriteLog(const char* szText) const {
     char szLog[200];
@@ -77,7 +83,8 @@ void DataWriterImpl::WriteLog(const char* szText) const {
 ReturnCode_t DataWriterImpl::enable(int iWithdraw) {
     if (DomainParticipantImpl::IsBuiltinTopicName(getTopicName())) return RETCODE_OK;
     // On withdrawal too: the automatic assertion is registered again either way.
-    if (m_Qos.liveliness.kind == AUTOMATIC_LIVELINESS_QOS && m_Qos.liveliness.lease_duration != DURATION_INFINITE)
+    if (m_Qos.liveliness.kind == AUTOMATIC_LIVELINESS_QOS &&
+        m_Qos.liveliness.lease_duration != DURATION_INFINITE)
         HandLeaseToAutomaticAssertion();
     return AnnounceToDiscovery(iWithdraw);
 }

@@ -95,22 +95,22 @@ private:
     void HandLeaseToAutomaticAssertion();
     ReturnCode_t AnnounceToDiscovery(int iWithdraw);
 
-    DataWriter* m_pDataWriter;                       // owned facade
-    PublisherImpl* m_pPublisherImpl;                 // owner
-    TopicImpl* m_pTopicImpl;                         // borrowed
-    DataWriterQos m_Qos;                             // never changed after creation
-    DataWriterListener* m_pListener;                 // borrowed; set only at creation
+    DataWriter* m_pDataWriter;        // owned facade
+    PublisherImpl* m_pPublisherImpl;  // owner
+    TopicImpl* m_pTopicImpl;          // borrowed
+    DataWriterQos m_Qos;              // never changed after creation
+    DataWriterListener* m_pListener;  // borrowed; set only at creation
     unsigned long m_ulMask;
-    Writer* m_pWriter;                               // owned by the RTPS participant
-    HistoryCache* m_pHistoryCache;                   // owned; the protocol writer uses it
-    MorvoTimer* m_pDeadlineTimer;                    // null unless the period is finite
+    Writer* m_pWriter;              // owned by the RTPS participant
+    HistoryCache* m_pHistoryCache;  // owned; the protocol writer uses it
+    MorvoTimer* m_pDeadlineTimer;   // null unless the period is finite
     // Cleared by write, set by the deadline timer. Atomic only to keep the two
     // threads free of a data race; no ordering is implied.
     std::atomic<bool> m_bNoWriteInPeriod;
     OfferedDeadlineMissedStatus m_DeadlineStatus;
     PublicationMatchedStatus m_PublicationMatchedStatus;
     LivelinessLostStatus m_LivelinessLostStatus;
-    std::atomic<uint64_t> m_uiWriteCount;            // the write counter, from zero
+    std::atomic<uint64_t> m_uiWriteCount;  // the write counter, from zero
 };
 
 #endif

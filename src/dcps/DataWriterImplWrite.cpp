@@ -31,7 +31,8 @@ ReturnCode_t DataWriterImpl::write(const char* pData, unsigned int uiLength, con
     if (m_pWriter->getMatchedCount() == 0 && m_Qos.durability.kind == VOLATILE_DURABILITY_QOS) {
         // The number is spent all the same, so that readers see the gap.
         m_pWriter->skipSequenceNumber();
-        std::snprintf(szLog, sizeof(szLog), "[DataWriterImpl::write] READERPROXY_NOT_EXIST Error and TopicName = %s",
+        std::snprintf(szLog, sizeof(szLog),
+                      "[DataWriterImpl::write] READERPROXY_NOT_EXIST Error and TopicName = %s",
                       strTopicName.c_str());
         WriteLog(szLog);
         return READERPROXY_NOT_EXIST;
@@ -39,7 +40,8 @@ ReturnCode_t DataWriterImpl::write(const char* pData, unsigned int uiLength, con
 
     CacheChange* pChange = m_pWriter->new_change(pData, uiLength, CHANGE_KIND_ALIVE, handle);
     if (pChange == nullptr) {
-        std::snprintf(szLog, sizeof(szLog), "[DataWriterImpl::write] pCacheChange = NULL Error and TopicName = %s",
+        std::snprintf(szLog, sizeof(szLog),
+                      "[DataWriterImpl::write] pCacheChange = NULL Error and TopicName = %s",
                       strTopicName.c_str());
         WriteLog(szLog);
         return RETCODE_NOT_EXIST;
@@ -96,7 +98,8 @@ void DataWriterImpl::MakeRoom(CacheChange* pNewChange) {
     m_pWriter->removeChange(oldest);
     char szLog[200];
     std::snprintf(szLog, sizeof(szLog),
-                  "[DataWriterImpl::write]  TopicName = %s : HistoryCache is Full,delete old Sn %d and insert new Sn %d",
+                  "[DataWriterImpl::write]  TopicName = %s : HistoryCache is Full,delete old Sn %d and "
+                  "insert new Sn %d",
                   getTopicName().c_str(), int(oldest.low), int(pNewChange->sequenceNumber.low));
     WriteLog(szLog);
 }

@@ -37,7 +37,8 @@ Topic* DomainParticipant::create_topic(const std::string& topic_name, const std:
     return pTopic;
 }
 
-ContentFilteredTopic* DomainParticipant::create_contentfilteredtopic(const std::string& name, Topic* related_topic,
+ContentFilteredTopic* DomainParticipant::create_contentfilteredtopic(const std::string& name,
+                                                                     Topic* related_topic,
                                                                      const std::string& filter_expression,
                                                                      const StringSeq& expression_parameters) {
     return m_pDomainParticipantImpl->create_contentfilteredtopic(name, related_topic, filter_expression,
@@ -87,25 +88,35 @@ ReturnCode_t DomainParticipant::register_type(const std::string& type_name) {
     return m_pDomainParticipantImpl->register_type(type_name);
 }
 
-ReturnCode_t DomainParticipant::register_type(const std::string& type_name, std::list<std::string>& description) {
+ReturnCode_t DomainParticipant::register_type(const std::string& type_name,
+                                              std::list<std::string>& description) {
     return m_pDomainParticipantImpl->register_type(type_name, description);
 }
 
-Publisher* DomainParticipant::get_builtin_publisher() { return m_pDomainParticipantImpl->get_builtin_publisher(); }
+Publisher* DomainParticipant::get_builtin_publisher() {
+    return m_pDomainParticipantImpl->get_builtin_publisher();
+}
 
-Subscriber* DomainParticipant::get_builtin_subscriber() { return m_pDomainParticipantImpl->get_builtin_subscriber(); }
+Subscriber* DomainParticipant::get_builtin_subscriber() {
+    return m_pDomainParticipantImpl->get_builtin_subscriber();
+}
 
 // ---------------------------------------------------------------- the participant itself
 
-int DomainParticipant::get_domain_id() { return m_pDomainParticipantImpl->get_domain_id(); }
+int DomainParticipant::get_domain_id() {
+    return m_pDomainParticipantImpl->get_domain_id();
+}
 
-ReturnCode_t DomainParticipant::get_qos(DomainParticipantQos& qos) { return m_pDomainParticipantImpl->get_qos(qos); }
+ReturnCode_t DomainParticipant::get_qos(DomainParticipantQos& qos) {
+    return m_pDomainParticipantImpl->get_qos(qos);
+}
 
 ReturnCode_t DomainParticipant::set_listener(DomainParticipantListener* listener, unsigned long mask) {
     return m_pDomainParticipantImpl->set_listener(listener, mask);
 }
 
-ReturnCode_t DomainParticipant::set_monitor_listener(DomainParticipantListener* listener, unsigned long mask) {
+ReturnCode_t DomainParticipant::set_monitor_listener(DomainParticipantListener* listener,
+                                                     unsigned long mask) {
     return m_pDomainParticipantImpl->set_monitor_listener(listener, mask);
 }
 
@@ -131,7 +142,8 @@ ReturnCode_t DomainParticipant::get_discovered_participant_data(ParticipantBuilt
     return m_pDomainParticipantImpl->get_discovered_participant_data(data, handle);
 }
 
-ReturnCode_t DomainParticipant::get_publications(InstanceHandleSeq& handles, bool include_contained_entities) {
+ReturnCode_t DomainParticipant::get_publications(InstanceHandleSeq& handles,
+                                                 bool include_contained_entities) {
     return m_pDomainParticipantImpl->get_publications(handles, include_contained_entities);
 }
 
@@ -140,7 +152,8 @@ ReturnCode_t DomainParticipant::get_publication_data(PublicationBuiltinTopicData
     return m_pDomainParticipantImpl->get_publication_data(data, handle);
 }
 
-ReturnCode_t DomainParticipant::get_subscriptions(InstanceHandleSeq& handles, bool include_contained_entities) {
+ReturnCode_t DomainParticipant::get_subscriptions(InstanceHandleSeq& handles,
+                                                  bool include_contained_entities) {
     return m_pDomainParticipantImpl->get_subscriptions(handles, include_contained_entities);
 }
 
@@ -151,12 +164,17 @@ ReturnCode_t DomainParticipant::get_subscription_data(SubscriptionBuiltinTopicDa
 
 // ---------------------------------------------------------------- stubs
 
-ReturnCode_t DomainParticipant::assert_liveliness() { return StubResult(); }
+ReturnCode_t DomainParticipant::assert_liveliness() {
+    return StubResult();
+}
 
 MultiTopic* DomainParticipant::create_multitopic(const std::string& name, const std::string& type_name,
                                                  const std::string& subscription_expression,
                                                  const StringSeq& expression_parameters) {
-    (void)name; (void)type_name; (void)subscription_expression; (void)expression_parameters;
+    (void)name;
+    (void)type_name;
+    (void)subscription_expression;
+    (void)expression_parameters;
     return nullptr;
 }
 
@@ -166,7 +184,8 @@ ReturnCode_t DomainParticipant::delete_multitopic(MultiTopic* multitopic) {
 }
 
 Topic* DomainParticipant::find_topic(const std::string& topic_name, Time_t timeout) {
-    (void)topic_name; (void)timeout;
+    (void)topic_name;
+    (void)timeout;
     return nullptr;
 }
 

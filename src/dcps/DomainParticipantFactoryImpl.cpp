@@ -48,7 +48,8 @@ ReturnCode_t DomainParticipantFactoryImpl::delete_participant(DomainParticipantI
     auto entry = m_DomainParticipantImplList.find(pParticipant->get_domain_id());
     if (entry == m_DomainParticipantImplList.end()) {
         char text[200];
-        std::snprintf(text, sizeof(text), "[DomainParticipantFactoryImpl::delete_participant] participant isnot exist");
+        std::snprintf(text, sizeof(text),
+                      "[DomainParticipantFactoryImpl::delete_participant] participant isnot exist");
         DDSLogManagementFactory::WriteDDSLog(iLogId, text, std::strlen(text), DDSLOG_INFO, guid);
         m_Mutex.Unlock();
         return RETCODE_NOT_EXIST;

@@ -42,8 +42,8 @@ private:
     typedef std::list<DomainParticipantImpl*> ParticipantList;
 
     std::map<int, ParticipantList> m_DomainParticipantImplList;
-    std::string m_strName;                          // never read
-    DomainParticipantQos m_DefaultParticipantQos;   // never changed, never read
+    std::string m_strName;                         // never read
+    DomainParticipantQos m_DefaultParticipantQos;  // never changed, never read
     Mutex m_Mutex;
 };
 

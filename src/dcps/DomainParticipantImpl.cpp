@@ -97,8 +97,8 @@ void DomainParticipantImpl::BuildGuid() {
 
     const uint32_t uiLocalIp = 0;  // the RTPS participant writes the address in later
     const uint32_t uiDomainId = static_cast<uint32_t>(m_iDomainId);
-    m_uiDomainParticipantId =
-        (SystemClock::ProcessId() + uiRandom + uiDomainId) % 15000 + static_cast<uint32_t>(iCreationCount) + 1;
+    m_uiDomainParticipantId = (SystemClock::ProcessId() + uiRandom + uiDomainId) % 15000 +
+                              static_cast<uint32_t>(iCreationCount) + 1;
 
     // Three words in host order: address, domain id, participant id.
     std::memcpy(&m_ParticipantGuid.guidPrefix.value[0], &uiLocalIp, 4);
@@ -244,7 +244,9 @@ void DomainParticipantImpl::DestroySubscriber(SubscriberImpl* pSubscriber) {
     delete pSubscriber;  // it deletes its readers first
 }
 
-void DomainParticipantImpl::DestroyTopic(TopicImpl* pTopic) { delete pTopic; }
+void DomainParticipantImpl::DestroyTopic(TopicImpl* pTopic) {
+    delete pTopic;
+}
 
 std::string DomainParticipantImpl::TopicNameOf(const TopicImpl* pTopic) {
     return pTopic->get_name();
@@ -266,7 +268,8 @@ Publisher* DomainParticipantImpl::create_publisher(const PublisherQos& qos, Publ
     if (pPublisher == nullptr) {
         char text[200];
         std::snprintf(text, sizeof(text), "[Discovery::create_publisher] pPublisherImpl == NULL");
-        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO,
+                                             m_ParticipantGuid);
         return nullptr;
     }
     m_PublisherImplList.push_back(pPublisher);
@@ -280,7 +283,8 @@ Subscriber* DomainParticipantImpl::create_subscriber(const SubscriberQos& qos, S
     if (pSubscriber == nullptr) {
         char text[200];
         std::snprintf(text, sizeof(text), "[DomainParticipant::create_subscriber] pSubscriberImpl == NULL");
-        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO,
+                                             m_ParticipantGuid);
         return nullptr;
     }
     m_SubscriberImplList.push_back(pSubscriber);
@@ -294,16 +298,20 @@ Topic* DomainParticipantImpl::create_topic(const std::string& topic_name, const 
     if (!isTypeRegistered(type_name)) {
         std::snprintf(text, sizeof(text), "[DomainParticipantImpl::create_topic] %s is not registereTypeSet",
                       type_name.c_str());
-        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO,
+                                             m_ParticipantGuid);
         return nullptr;
     }
     for (TopicImpl* pTopic : m_TopicImplList) {
         if (pTopic->get_name() != topic_name) continue;
-        if (pTopic->get_type_name() == type_name) return pTopic->getTopic();  // same object, arguments dropped
-        std::snprintf(text, sizeof(text),
-                      "[DomainParticipantImpl::create_topic] typeName is different topicName = %s typeName = %s",
-                      topic_name.c_str(), type_name.c_str());
-        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        if (pTopic->get_type_name() == type_name)
+            return pTopic->getTopic();  // same object, arguments dropped
+        std::snprintf(
+            text, sizeof(text),
+            "[DomainParticipantImpl::create_topic] typeName is different topicName = %s typeName = %s",
+            topic_name.c_str(), type_name.c_str());
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO,
+                                             m_ParticipantGuid);
         return nullptr;
     }
     TopicImpl* pTopic = new (std::nothrow) TopicImpl(topic_name, type_name, this, qos, listener);
@@ -312,10 +320,13 @@ Topic* DomainParticipantImpl::create_topic(const std::string& topic_name, const 
     return pTopic->getTopic();
 }
 
-ContentFilteredTopic* DomainParticipantImpl::create_contentfilteredtopic(const std::string& name, Topic* related_topic,
-                                                                         const std::string& filter_expression,
-                                                                         const StringSeq& expression_parameters) {
-    (void)name; (void)related_topic; (void)filter_expression; (void)expression_parameters;
+ContentFilteredTopic* DomainParticipantImpl::create_contentfilteredtopic(
+    const std::string& name, Topic* related_topic, const std::string& filter_expression,
+    const StringSeq& expression_parameters) {
+    (void)name;
+    (void)related_topic;
+    (void)filter_expression;
+    (void)expression_parameters;
     return nullptr;  // Seam: ContentFilteredTopicImpl arrives with the filters.
 }
 
@@ -354,7 +365,8 @@ ReturnCode_t DomainParticipantImpl::delete_topic(Topic* pTopic) {
     TopicImpl* pTopicImpl = pTopic != nullptr ? pTopic->getTopicImpl() : nullptr;
     if (pTopicImpl == nullptr) {
         std::snprintf(text, sizeof(text), "[DomainParticipantImpl::delete_topic] pTopicImpl = NULL");
-        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO,
+                                             m_ParticipantGuid);
         return RETCODE_ENTITY_NOT_FOUND;
     }
     // Writers and readers are matched by topic name, not by object.
@@ -362,12 +374,14 @@ ReturnCode_t DomainParticipantImpl::delete_topic(Topic* pTopic) {
     for (PublisherImpl* pPublisher : m_PublisherImplList) {
         if (pPublisher->lookup_datawriter(strName).empty()) continue;
         std::snprintf(text, sizeof(text), "[DomainParticipantImpl::delete_topic] pDataWriterImpl = NULL");
-        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO,
+                                             m_ParticipantGuid);
         return RETCODE_ENTITY_NOT_FOUND;
     }
     if (HasReaderOnTopic(strName)) {
         std::snprintf(text, sizeof(text), "[DomainParticipantImpl::delete_topic]  pDataReaderImpl = NULL");
-        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO, m_ParticipantGuid);
+        DDSLogManagementFactory::WriteDDSLog(m_iLogId, text, std::strlen(text), DDSLOG_INFO,
+                                             m_ParticipantGuid);
         return RETCODE_ENTITY_NOT_FOUND;
     }
     for (auto it = m_TopicImplList.begin(); it != m_TopicImplList.end(); ++it) {
@@ -438,7 +452,9 @@ ReturnCode_t DomainParticipantImpl::get_qos(DomainParticipantQos& qos) const {
     return RETCODE_OK;
 }
 
-void DomainParticipantImpl::updateQos(const DomainParticipantQos& qos) { m_Qos = qos; }
+void DomainParticipantImpl::updateQos(const DomainParticipantQos& qos) {
+    m_Qos = qos;
+}
 
 ReturnCode_t DomainParticipantImpl::set_listener(DomainParticipantListener* listener, unsigned long mask) {
     (void)mask;
@@ -446,7 +462,8 @@ ReturnCode_t DomainParticipantImpl::set_listener(DomainParticipantListener* list
     return RETCODE_OK;
 }
 
-ReturnCode_t DomainParticipantImpl::set_monitor_listener(DomainParticipantListener* listener, unsigned long mask) {
+ReturnCode_t DomainParticipantImpl::set_monitor_listener(DomainParticipantListener* listener,
+                                                         unsigned long mask) {
     (void)mask;
     m_pMonitorListener = listener;
     return RETCODE_OK;
@@ -466,28 +483,35 @@ ReturnCode_t DomainParticipantImpl::get_discovered_participants(InstanceHandleSe
 
 ReturnCode_t DomainParticipantImpl::get_discovered_participant_data(ParticipantBuiltinTopicData& data,
                                                                     const InstanceHandle_t& handle) {
-    (void)data; (void)handle;
+    (void)data;
+    (void)handle;
     return RETCODE_OK;  // Seam: forward to m_pDiscovery.
 }
 
-ReturnCode_t DomainParticipantImpl::get_publications(InstanceHandleSeq& handles, bool include_contained_entities) {
-    (void)handles; (void)include_contained_entities;
+ReturnCode_t DomainParticipantImpl::get_publications(InstanceHandleSeq& handles,
+                                                     bool include_contained_entities) {
+    (void)handles;
+    (void)include_contained_entities;
     return RETCODE_OK;  // Seam: forward to m_pDiscovery.
 }
 
 ReturnCode_t DomainParticipantImpl::get_publication_data(PublicationBuiltinTopicData& data,
                                                          const InstanceHandle_t& handle) {
-    (void)data; (void)handle;
+    (void)data;
+    (void)handle;
     return RETCODE_OK;  // Seam: forward to m_pDiscovery.
 }
 
-ReturnCode_t DomainParticipantImpl::get_subscriptions(InstanceHandleSeq& handles, bool include_contained_entities) {
-    (void)handles; (void)include_contained_entities;
+ReturnCode_t DomainParticipantImpl::get_subscriptions(InstanceHandleSeq& handles,
+                                                      bool include_contained_entities) {
+    (void)handles;
+    (void)include_contained_entities;
     return RETCODE_OK;  // Seam: forward to m_pDiscovery.
 }
 
 ReturnCode_t DomainParticipantImpl::get_subscription_data(SubscriptionBuiltinTopicData& data,
                                                           const InstanceHandle_t& handle) {
-    (void)data; (void)handle;
+    (void)data;
+    (void)handle;
     return RETCODE_OK;  // Seam: forward to m_pDiscovery.
 }

@@ -27,7 +27,8 @@ class Discovery;
 
 class DomainParticipantImpl : public Entity {
 public:
-    DomainParticipantImpl(int domain_id, const DomainParticipantQos& qos, DomainParticipantListener* listener);
+    DomainParticipantImpl(int domain_id, const DomainParticipantQos& qos,
+                          DomainParticipantListener* listener);
     virtual ~DomainParticipantImpl();
 
     DomainParticipantImpl(const DomainParticipantImpl&) = delete;
@@ -69,7 +70,8 @@ public:
 
     // ---- discovered entities
     ReturnCode_t get_discovered_participants(InstanceHandleSeq& handles);
-    ReturnCode_t get_discovered_participant_data(ParticipantBuiltinTopicData& data, const InstanceHandle_t& handle);
+    ReturnCode_t get_discovered_participant_data(ParticipantBuiltinTopicData& data,
+                                                 const InstanceHandle_t& handle);
     ReturnCode_t get_publications(InstanceHandleSeq& handles, bool include_contained_entities);
     ReturnCode_t get_publication_data(PublicationBuiltinTopicData& data, const InstanceHandle_t& handle);
     ReturnCode_t get_subscriptions(InstanceHandleSeq& handles, bool include_contained_entities);
@@ -96,7 +98,9 @@ public:
     std::list<PublisherImpl*>& getPublisherImplList() { return m_PublisherImplList; }
     std::list<SubscriberImpl*>& getSubscriberImplList() { return m_SubscriberImplList; }
     std::list<TopicImpl*>& getTopicImplList() { return m_TopicImplList; }
-    std::list<ContentFilteredTopicImpl*>& getContentFilteredTopicImplList() { return m_ContentFilteredTopicImplList; }
+    std::list<ContentFilteredTopicImpl*>& getContentFilteredTopicImplList() {
+        return m_ContentFilteredTopicImplList;
+    }
 
     // "DCPSParticipant", "DCPSPublication", "DCPSSubscription", "DCPSParticipantMessage".
     static bool IsBuiltinTopicName(const std::string& name);
@@ -133,23 +137,23 @@ private:
     // True when a subscriber of the list holds a reader on a topic of this name.
     bool HasReaderOnTopic(const std::string& name);
 
-    DomainParticipant* m_pDomainParticipant;                         // owned facade
+    DomainParticipant* m_pDomainParticipant;  // owned facade
     int m_iDomainId;
-    DomainParticipantQos m_Qos;                                      // deep copy
-    DomainParticipantListener* m_pListener;                          // borrowed, never called
-    PublisherImpl* m_pBuiltinPublisherImpl;                          // owned, not in the list
-    SubscriberImpl* m_pBuiltinSubscriberImpl;                        // owned, not in the list
+    DomainParticipantQos m_Qos;                // deep copy
+    DomainParticipantListener* m_pListener;    // borrowed, never called
+    PublisherImpl* m_pBuiltinPublisherImpl;    // owned, not in the list
+    SubscriberImpl* m_pBuiltinSubscriberImpl;  // owned, not in the list
     std::list<PublisherImpl*> m_PublisherImplList;
     std::list<SubscriberImpl*> m_SubscriberImplList;
     std::set<std::string> m_RegisteredTypeSet;
-    std::list<TopicImpl*> m_TopicImplList;                           // built-in topics too
+    std::list<TopicImpl*> m_TopicImplList;  // built-in topics too
     std::list<ContentFilteredTopicImpl*> m_ContentFilteredTopicImplList;
-    DomainParticipantListener* m_pMonitorListener;                   // borrowed; Discovery calls it
-    StaticDomainParticipant* m_pStaticDomainParticipant;             // owned; null under dynamic discovery
+    DomainParticipantListener* m_pMonitorListener;        // borrowed; Discovery calls it
+    StaticDomainParticipant* m_pStaticDomainParticipant;  // owned; null under dynamic discovery
     bool m_bDynamicDiscovery;
-    Participant* m_pParticipant;                                     // owned RTPS participant
-    Discovery* m_pDiscovery;                                         // owned
-    int m_iLogId;                                                    // (participant count << 16) + domain id
+    Participant* m_pParticipant;  // owned RTPS participant
+    Discovery* m_pDiscovery;      // owned
+    int m_iLogId;                 // (participant count << 16) + domain id
 
     GUID_t m_ParticipantGuid;
     uint32_t m_uiDomainParticipantId;

@@ -23,7 +23,9 @@ void WriteLog(PublisherImpl* pImpl, const char* szText) {
 
 }  // namespace
 
-Publisher::Publisher(PublisherImpl* pImpl) : m_pPublisherImpl(pImpl) { pImpl->setFacade(this); }
+Publisher::Publisher(PublisherImpl* pImpl) : m_pPublisherImpl(pImpl) {
+    pImpl->setFacade(this);
+}
 
 Publisher::~Publisher() {}
 
@@ -36,14 +38,16 @@ DataWriter* Publisher::create_datawriter(Topic* topic, const DataWriterQos& qos,
     char szLog[200];
     TopicImpl* pTopicImpl = dynamic_cast<TopicImpl*>(topic->getImpl());
     if (pTopicImpl == nullptr) {
-        std::snprintf(szLog, sizeof(szLog), "[Publisher::create_datawriter] pTopicImpl = NULL and TopicName = %s",
+        std::snprintf(szLog, sizeof(szLog),
+                      "[Publisher::create_datawriter] pTopicImpl = NULL and TopicName = %s",
                       topic->get_name());
         WriteLog(m_pPublisherImpl, szLog);
         return nullptr;
     }
     DataWriterImpl* pDataWriter = m_pPublisherImpl->create_datawriter(pTopicImpl, qos, mask, listener);
     if (pDataWriter == nullptr) {
-        std::snprintf(szLog, sizeof(szLog), "[Publisher::create_datawriter] pDataWriter = NULL and TopicName = %s",
+        std::snprintf(szLog, sizeof(szLog),
+                      "[Publisher::create_datawriter] pDataWriter = NULL and TopicName = %s",
                       topic->get_name());
         WriteLog(m_pPublisherImpl, szLog);
         return nullptr;
@@ -67,13 +71,18 @@ std::list<DataWriter*> Publisher::lookup_datawriter(const std::string& topic_nam
     }
     for (DataWriterImpl* pDataWriter : m_pPublisherImpl->lookup_datawriter(topic_name))
         writers.push_back(pDataWriter->getFacade());
-    if (writers.empty()) WriteLog(m_pPublisherImpl, "[Publisher::lookup_datawriter] pDataWriterImplList.size() == 0");
+    if (writers.empty())
+        WriteLog(m_pPublisherImpl, "[Publisher::lookup_datawriter] pDataWriterImplList.size() == 0");
     return writers;
 }
 
-ReturnCode_t Publisher::get_qos(PublisherQos& qos) { return m_pPublisherImpl->get_qos(qos); }
+ReturnCode_t Publisher::get_qos(PublisherQos& qos) {
+    return m_pPublisherImpl->get_qos(qos);
+}
 
-DomainParticipant* Publisher::get_participant() { return m_pPublisherImpl->getParticipant()->getFacade(); }
+DomainParticipant* Publisher::get_participant() {
+    return m_pPublisherImpl->getParticipant()->getFacade();
+}
 
 ReturnCode_t Publisher::get_default_datawriter_qos(DataWriterQos& qos) {
     (void)qos;

@@ -35,13 +35,14 @@ ReturnCode_t PublisherImpl::get_qos(PublisherQos& qos) const {
 void PublisherImpl::WriteLog(const char* szText, const GUID_t& guid) const {
     char szLog[200];
     std::snprintf(szLog, sizeof(szLog), "%s", szText);
-    DDSLogManagementFactory::WriteDDSLog(m_pParticipant->getLogId(), szLog, std::strlen(szLog), DDSLOG_INFO, guid);
+    DDSLogManagementFactory::WriteDDSLog(m_pParticipant->getLogId(), szLog, std::strlen(szLog), DDSLOG_INFO,
+                                         guid);
 }
 
 // ---------------------------------------------------------------- creation
 
-DataWriterImpl* PublisherImpl::create_datawriter(TopicImpl* pTopic, const DataWriterQos& qos, unsigned long mask,
-                                                 DataWriterListener* pListener) {
+DataWriterImpl* PublisherImpl::create_datawriter(TopicImpl* pTopic, const DataWriterQos& qos,
+                                                 unsigned long mask, DataWriterListener* pListener) {
     const std::string strTopicName = pTopic->get_name();
     char szLog[200];
 
@@ -50,7 +51,8 @@ DataWriterImpl* PublisherImpl::create_datawriter(TopicImpl* pTopic, const DataWr
     TopicImpl* pTopicImpl =
         pDescription != nullptr ? dynamic_cast<TopicImpl*>(pDescription->getImpl()) : nullptr;
     if (pTopicImpl == nullptr) {
-        std::snprintf(szLog, sizeof(szLog), "[PublisherImpl::create_datawriter] Topic find error and TopicName = %s",
+        std::snprintf(szLog, sizeof(szLog),
+                      "[PublisherImpl::create_datawriter] Topic find error and TopicName = %s",
                       strTopicName.c_str());
         WriteLog(szLog, m_pParticipant->getParticipantGuid());
         return nullptr;
@@ -76,9 +78,10 @@ DataWriterImpl* PublisherImpl::create_datawriter(TopicImpl* pTopic, const DataWr
     const int iLogId = m_pParticipant->getLogId();
     DDSLogManagementFactory* pLogFactory = DDSLogManagementFactory::GetInstance();
     if (pLogFactory != nullptr && pLogFactory->GetUseDDSLogFlag(iLogId)) {
-        std::snprintf(szLog, sizeof(szLog), "Create Local DW TopicName = %s TopicName = %s", strTopicName.c_str(),
-                      pTopicImpl->get_type_name().c_str());
-        DDSLogManagementFactory::WriteDDSLog(iLogId, szLog, std::strlen(szLog), DDSLOG_MATCH, pWriter->getGUID());
+        std::snprintf(szLog, sizeof(szLog), "Create Local DW TopicName = %s TopicName = %s",
+                      strTopicName.c_str(), pTopicImpl->get_type_name().c_str());
+        DDSLogManagementFactory::WriteDDSLog(iLogId, szLog, std::strlen(szLog), DDSLOG_MATCH,
+                                             pWriter->getGUID());
     }
 
     pDataWriter->setRtpsWriter(pWriter);  // links both ways and hands over the cache
@@ -128,7 +131,8 @@ ReturnCode_t PublisherImpl::delete_datawriter(DataWriterImpl* pDataWriter) {
     while (it != m_DataWriterImplList.end() && *it != pDataWriter) ++it;
     if (it == m_DataWriterImplList.end()) {
         char szLog[200];
-        std::snprintf(szLog, sizeof(szLog), "[PublisherImpl::delete_datawriter] Find DataWriter faid and TopicName = %s",
+        std::snprintf(szLog, sizeof(szLog),
+                      "[PublisherImpl::delete_datawriter] Find DataWriter faid and TopicName = %s",
                       pDataWriter != nullptr ? pDataWriter->getTopicName().c_str() : "");
         WriteLog(szLog, m_pParticipant->getParticipantGuid());
         return RETCODE_ENTITY_NOT_FOUND;

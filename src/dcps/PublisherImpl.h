@@ -56,11 +56,11 @@ private:
     void AddToDiscovery(DataWriterImpl* pDataWriter);
     void WriteLog(const char* szText, const GUID_t& guid) const;
 
-    Publisher* m_pPublisher;                         // owned facade
-    DomainParticipantImpl* m_pParticipant;           // owner
+    Publisher* m_pPublisher;                // owned facade
+    DomainParticipantImpl* m_pParticipant;  // owner
     PublisherQos m_Qos;
-    PublisherListener* m_pListener;                  // stored, never called
-    std::list<DataWriterImpl*> m_DataWriterImplList; // owned
+    PublisherListener* m_pListener;                   // stored, never called
+    std::list<DataWriterImpl*> m_DataWriterImplList;  // owned
     // Writers whose protocol writer could not be made: in no list that anyone
     // searches, destroyed only with the publisher.
     std::list<DataWriterImpl*> m_HalfBuiltWriterList;

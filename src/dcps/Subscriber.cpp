@@ -11,7 +11,9 @@
 #include "dcps/DomainParticipantImpl.h"
 #include "dcps/SubscriberImpl.h"
 
-Subscriber::Subscriber(SubscriberImpl* pImpl) : m_pSubscriberImpl(pImpl) { pImpl->setFacade(this); }
+Subscriber::Subscriber(SubscriberImpl* pImpl) : m_pSubscriberImpl(pImpl) {
+    pImpl->setFacade(this);
+}
 
 Subscriber::~Subscriber() {}
 
@@ -25,7 +27,8 @@ DataReader* Subscriber::create_datareader(TopicDescription* a_topic, const DataR
     if (pDataReaderImpl == nullptr) {
         DomainParticipantImpl* pParticipant = m_pSubscriberImpl->getParticipant();
         char szLog[200];
-        std::snprintf(szLog, sizeof(szLog), "[Subscriber::create_datareader] pDataReader = NULL andTopicName = %s",
+        std::snprintf(szLog, sizeof(szLog),
+                      "[Subscriber::create_datareader] pDataReader = NULL andTopicName = %s",
                       a_topic->get_name());
         DDSLogManagementFactory::WriteDDSLog(pParticipant->getLogId(), szLog, std::strlen(szLog), DDSLOG_INFO,
                                              pParticipant->getParticipantGuid());
@@ -52,9 +55,13 @@ DataReader* Subscriber::lookup_datareader(const std::string& topic_name) {
     return pDataReaderImpl != nullptr ? pDataReaderImpl->getFacade() : nullptr;
 }
 
-ReturnCode_t Subscriber::get_qos(SubscriberQos& qos) { return m_pSubscriberImpl->get_qos(qos); }
+ReturnCode_t Subscriber::get_qos(SubscriberQos& qos) {
+    return m_pSubscriberImpl->get_qos(qos);
+}
 
-DomainParticipant* Subscriber::get_participant() { return m_pSubscriberImpl->getParticipant()->getFacade(); }
+DomainParticipant* Subscriber::get_participant() {
+    return m_pSubscriberImpl->getParticipant()->getFacade();
+}
 
 ReturnCode_t Subscriber::set_listener(SubscriberListener* a_listener, unsigned long mask) {
     return m_pSubscriberImpl->set_listener(a_listener, mask);
@@ -62,7 +69,9 @@ ReturnCode_t Subscriber::set_listener(SubscriberListener* a_listener, unsigned l
 
 // ---------------------------------------------------------------- stubs
 
-SubscriberListener* Subscriber::get_listener() { return nullptr; }
+SubscriberListener* Subscriber::get_listener() {
+    return nullptr;
+}
 
 ReturnCode_t Subscriber::get_default_datareader_qos(DataReaderQos& qos) {
     (void)qos;

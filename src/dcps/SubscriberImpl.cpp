@@ -90,15 +90,17 @@ DataReaderImpl* SubscriberImpl::create_datareader(TopicDescription* pTopic, cons
     // Always a stateful reader, whatever the reliability; the participant opens the
     // multicast receive addresses of the QoS.
     Participant* pParticipant = m_pParticipant->getRtpsParticipant();
-    StatefulReader* pReader = pParticipant != nullptr
-                                  ? pParticipant->createReader(pDataReaderImpl->getQos(), ReaderEntityIdOf(strTopicName))
-                                  : nullptr;
+    StatefulReader* pReader =
+        pParticipant != nullptr
+            ? pParticipant->createReader(pDataReaderImpl->getQos(), ReaderEntityIdOf(strTopicName))
+            : nullptr;
     if (pReader == nullptr) {
         // The topic keeps pointing at the half-built reader, so a later call returns
         // it; it is in no list that delete_datareader searches and goes with this
         // subscriber.
         m_HalfBuiltReaderList.push_back(pDataReaderImpl);
-        std::snprintf(szLog, sizeof(szLog), "[SubscriberImpl::create_datareader] pReader = NULL and TopicName = %s",
+        std::snprintf(szLog, sizeof(szLog),
+                      "[SubscriberImpl::create_datareader] pReader = NULL and TopicName = %s",
                       strTopicName.c_str());
         Log(szLog);
         return nullptr;
@@ -107,9 +109,10 @@ DataReaderImpl* SubscriberImpl::create_datareader(TopicDescription* pTopic, cons
     const int iLogId = m_pParticipant->getLogId();
     DDSLogManagementFactory* pLogFactory = DDSLogManagementFactory::GetInstance();
     if (pLogFactory != nullptr && pLogFactory->GetUseDDSLogFlag(iLogId)) {
-        std::snprintf(szLog, sizeof(szLog), "Create Local DR TopicName = %s TopicType = %s", strTopicName.c_str(),
-                      pTopicImpl->get_type_name().c_str());
-        DDSLogManagementFactory::WriteDDSLog(iLogId, szLog, std::strlen(szLog), DDSLOG_MATCH, pReader->getGUID());
+        std::snprintf(szLog, sizeof(szLog), "Create Local DR TopicName = %s TopicType = %s",
+                      strTopicName.c_str(), pTopicImpl->get_type_name().c_str());
+        DDSLogManagementFactory::WriteDDSLog(iLogId, szLog, std::strlen(szLog), DDSLOG_MATCH,
+                                             pReader->getGUID());
     }
 
     pDataReaderImpl->setReader(pReader);  // links both ways and hands over the cache

@@ -20,8 +20,8 @@ class TopicDescriptionImpl;
 
 class SubscriberImpl : public DomainEntity {
 public:
-    SubscriberImpl(DomainParticipantImpl* pParticipant, const SubscriberQos& qos, SubscriberListener* pListener,
-                   unsigned long mask);
+    SubscriberImpl(DomainParticipantImpl* pParticipant, const SubscriberQos& qos,
+                   SubscriberListener* pListener, unsigned long mask);
     // Deletes the readers one at a time, always the first in the list, then the facade.
     virtual ~SubscriberImpl();
 
@@ -56,12 +56,12 @@ private:
     void FillMulticastPorts(DataReaderQos& qos) const;
     void Log(const char* szText) const;
 
-    Subscriber* m_pSubscriber;                         // owned facade
-    DomainParticipantImpl* m_pParticipant;             // owner
-    SubscriberQos m_Qos;                               // deep copy
-    SubscriberListener* m_pListener;                   // stored, never called
-    std::list<DataReaderImpl*> m_DataReaderImplList;   // owned readers
-    unsigned long m_Mask;                              // of creation; not read
+    Subscriber* m_pSubscriber;                        // owned facade
+    DomainParticipantImpl* m_pParticipant;            // owner
+    SubscriberQos m_Qos;                              // deep copy
+    SubscriberListener* m_pListener;                  // stored, never called
+    std::list<DataReaderImpl*> m_DataReaderImplList;  // owned readers
+    unsigned long m_Mask;                             // of creation; not read
     // Readers whose protocol reader could not be made: their topic still names
     // them, but no list that anyone searches holds them. Destroyed with this subscriber.
     std::list<DataReaderImpl*> m_HalfBuiltReaderList;

@@ -6,4 +6,6 @@ Topic::Topic(TopicImpl* pImpl) : TopicDescription(pImpl), m_pTopicImpl(pImpl) {}
 
 Topic::~Topic() {}
 
-ReturnCode_t Topic::get_qos(TopicQos& qos) { return m_pTopicImpl->get_qos(qos); }
+ReturnCode_t Topic::get_qos(TopicQos& qos) {
+    return m_pTopicImpl->get_qos(qos);
+}

@@ -9,9 +9,13 @@ TopicDescription::TopicDescription(TopicDescriptionImpl* pImpl) : m_pTopicDescri
 
 TopicDescription::~TopicDescription() {}
 
-const char* TopicDescription::get_name() { return m_pTopicDescriptionImpl->get_name().c_str(); }
+const char* TopicDescription::get_name() {
+    return m_pTopicDescriptionImpl->get_name().c_str();
+}
 
-const char* TopicDescription::get_type_name() { return m_pTopicDescriptionImpl->get_type_name().c_str(); }
+const char* TopicDescription::get_type_name() {
+    return m_pTopicDescriptionImpl->get_type_name().c_str();
+}
 
 DomainParticipant* TopicDescription::get_participant() {
     DomainParticipantImpl* pParticipant = m_pTopicDescriptionImpl->getParticipant();

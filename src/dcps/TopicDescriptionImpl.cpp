@@ -17,9 +17,13 @@ TopicDescriptionImpl::~TopicDescriptionImpl() {
     m_pTopicDescription = nullptr;
 }
 
-const std::string& TopicDescriptionImpl::get_type_name() const { return m_strTypeName; }
+const std::string& TopicDescriptionImpl::get_type_name() const {
+    return m_strTypeName;
+}
 
-const std::string& TopicDescriptionImpl::get_name() const { return m_strName; }
+const std::string& TopicDescriptionImpl::get_name() const {
+    return m_strName;
+}
 
 ReturnCode_t TopicDescriptionImpl::get_qos(TopicQos& qos) {
     (void)qos;

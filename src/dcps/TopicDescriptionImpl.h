@@ -41,9 +41,9 @@ public:
 protected:
     std::string m_strName;
     std::string m_strTypeName;
-    DomainParticipantImpl* m_pParticipant;    // owner
-    TopicDescription* m_pTopicDescription;    // owned facade
-    DataReaderImpl* m_pDataReaderImpl;        // borrowed; null without a reader
+    DomainParticipantImpl* m_pParticipant;  // owner
+    TopicDescription* m_pTopicDescription;  // owned facade
+    DataReaderImpl* m_pDataReaderImpl;      // borrowed; null without a reader
 };
 
 #endif

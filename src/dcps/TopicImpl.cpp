@@ -15,4 +15,6 @@ ReturnCode_t TopicImpl::get_qos(TopicQos& qos) {
     return RETCODE_OK;
 }
 
-Topic* TopicImpl::getTopic() const { return static_cast<Topic*>(getFacade()); }
+Topic* TopicImpl::getTopic() const {
+    return static_cast<Topic*>(getFacade());
+}

@@ -2,4 +2,6 @@
 
 TypeSupport::~TypeSupport() {}
 
-TypeCode* TypeSupport::GetTypeCode() { return nullptr; }
+TypeCode* TypeSupport::GetTypeCode() {
+    return nullptr;
+}

@@ -10,8 +10,7 @@
 class DomainParticipantImpl;
 class Mutex;
 
-class Discovery
-{
+class Discovery {
 public:
     // Creates the three table mutexes, in the order participants, writers, readers.
     explicit Discovery(DomainParticipantImpl* pOwner);
@@ -33,9 +32,9 @@ public:
 
 private:
     // Seam: the built-in endpoints, the remote tables, their handles and the timers join here.
-    DomainParticipantImpl* m_pOwner;                  // borrowed
-    std::map<GUID_t, EntityId_t> m_WriterReaderMap;   // remote writer -> local reader
-    Mutex* m_pParticipantListMutex;                   // owned
-    Mutex* m_pWriterListMutex;                        // owned; also guards m_WriterReaderMap
-    Mutex* m_pReaderListMutex;                        // owned
+    DomainParticipantImpl* m_pOwner;                 // borrowed
+    std::map<GUID_t, EntityId_t> m_WriterReaderMap;  // remote writer -> local reader
+    Mutex* m_pParticipantListMutex;                  // owned
+    Mutex* m_pWriterListMutex;                       // owned; also guards m_WriterReaderMap
+    Mutex* m_pReaderListMutex;                       // owned
 };

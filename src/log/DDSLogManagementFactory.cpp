@@ -29,7 +29,9 @@ DDSLogManagementFactory::~DDSLogManagementFactory() {
     if (m_pInstance == this) m_pInstance = nullptr;
 }
 
-DDSLogManagementFactory* DDSLogManagementFactory::GetInstance() { return m_pInstance; }
+DDSLogManagementFactory* DDSLogManagementFactory::GetInstance() {
+    return m_pInstance;
+}
 
 DDSLogManagement* DDSLogManagementFactory::CreateDDSManagement(int key) {
     (void)key;
@@ -55,31 +57,36 @@ bool DDSLogManagementFactory::GetUseDDSLogFlag(int key) {
     return false;
 }
 bool DDSLogManagementFactory::IsQueryTopic(int key, std::string topic) {
-    (void)key; (void)topic;
+    (void)key;
+    (void)topic;
     return false;
 }
 bool DDSLogManagementFactory::IsReadALLTopic(int key, std::string topic) {
-    (void)key; (void)topic;
+    (void)key;
+    (void)topic;
     return false;
 }
 bool DDSLogManagementFactory::IsReadTopic(int key, std::string topic) {
-    (void)key; (void)topic;
+    (void)key;
+    (void)topic;
     return false;
 }
 bool DDSLogManagementFactory::IsWriteALLTopic(int key, std::string topic) {
-    (void)key; (void)topic;
+    (void)key;
+    (void)topic;
     return false;
 }
 bool DDSLogManagementFactory::IsWriteTopic(int key, std::string topic) {
-    (void)key; (void)topic;
+    (void)key;
+    (void)topic;
     return false;
 }
 
 void DDSLogManagementFactory::EntityToString(EntityId_t id, std::string& out) {
     // The formatted text is deliberately not copied out: callers get an empty string.
     char buf[16];
-    std::snprintf(buf, sizeof(buf), "%02x.%02x.%02x.%02x", id.entityKey[0], id.entityKey[1],
-                  id.entityKey[2], id.entityKind);
+    std::snprintf(buf, sizeof(buf), "%02x.%02x.%02x.%02x", id.entityKey[0], id.entityKey[1], id.entityKey[2],
+                  id.entityKind);
     out.clear();
 }
 

@@ -38,9 +38,13 @@ MessageProcessor::~MessageProcessor() {
     m_pEncapsulateMessage = nullptr;
 }
 
-int MessageProcessor::lockMessage() { return m_MessageMutex.Lock(); }
+int MessageProcessor::lockMessage() {
+    return m_MessageMutex.Lock();
+}
 
-int MessageProcessor::unlockMessage() { return m_MessageMutex.Unlock(); }
+int MessageProcessor::unlockMessage() {
+    return m_MessageMutex.Unlock();
+}
 
 void MessageProcessor::LogText(const char* pText, int iCode) {
     char szText[200];

@@ -45,29 +45,26 @@ public:
     // The Writer* forms only read the writer's entity id and are defined in the rtps
     // layer, which forwards to the EntityId_t forms below; this keeps messages free of rtps.
     octet* EncapsulateDATAMessage(uint32_t& uiMessageLen, const octet* pData, uint32_t uiDataLen,
-                                  const SequenceNumber_t& writerSN,
-                                  const std::list<Parameter>& inlineQos, Writer* pWriter);
-    octet* EncapsulateDATAFragMessage(uint32_t& uiMessageLen, const octet* pFragment,
-                                      uint32_t uiFragmentLen, uint32_t uiFragmentNum,
-                                      uint32_t uiSampleSize, const SequenceNumber_t& writerSN,
-                                      const std::list<Parameter>& inlineQos, Writer* pWriter);
+                                  const SequenceNumber_t& writerSN, const std::list<Parameter>& inlineQos,
+                                  Writer* pWriter);
+    octet* EncapsulateDATAFragMessage(uint32_t& uiMessageLen, const octet* pFragment, uint32_t uiFragmentLen,
+                                      uint32_t uiFragmentNum, uint32_t uiSampleSize,
+                                      const SequenceNumber_t& writerSN, const std::list<Parameter>& inlineQos,
+                                      Writer* pWriter);
     octet* EncapsulateDATAMessage(uint32_t& uiMessageLen, const octet* pData, uint32_t uiDataLen,
-                                  const SequenceNumber_t& writerSN,
-                                  const std::list<Parameter>& inlineQos,
+                                  const SequenceNumber_t& writerSN, const std::list<Parameter>& inlineQos,
                                   const EntityId_t& writerId);
     // uiFragmentNum counts from 1.
-    octet* EncapsulateDATAFragMessage(uint32_t& uiMessageLen, const octet* pFragment,
-                                      uint32_t uiFragmentLen, uint32_t uiFragmentNum,
-                                      uint32_t uiSampleSize, const SequenceNumber_t& writerSN,
-                                      const std::list<Parameter>& inlineQos,
+    octet* EncapsulateDATAFragMessage(uint32_t& uiMessageLen, const octet* pFragment, uint32_t uiFragmentLen,
+                                      uint32_t uiFragmentNum, uint32_t uiSampleSize,
+                                      const SequenceNumber_t& writerSN, const std::list<Parameter>& inlineQos,
                                       const EntityId_t& writerId);
 
     octet* EncapsulateHeartBeatMessage(uint32_t& uiMessageLen, const EntityId_t& writerId,
-                                       const SequenceNumber_t& firstSN,
-                                       const SequenceNumber_t& lastSN, int32_t iCount);
+                                       const SequenceNumber_t& firstSN, const SequenceNumber_t& lastSN,
+                                       int32_t iCount);
     octet* EncapsulateAckNackMessage(uint32_t& uiMessageLen, const EntityId_t& writerId,
-                                     const EntityId_t& readerId,
-                                     const SequenceNumberSet& readerSNState);
+                                     const EntityId_t& readerId, const SequenceNumberSet& readerSNState);
     octet* EncapsulateGapMessage(uint32_t& uiMessageLen, const EntityId_t& writerId,
                                  const EntityId_t& readerId, const SequenceNumber_t& gapStart,
                                  const SequenceNumberSet& gapList);
@@ -141,20 +138,20 @@ public:
     // Handlers: header is the walk's copy (length already in host order) and
     // pSubMessage + 4 + header.octetsToNextHeader must not pass pBufferEnd.
     // 0, 1 when no endpoint was found, INTERPRET_CUT when the submessage is cut.
-    int InterpretAckNackMessage(octet* pSubMessage, const subMessageHeader& header,
-                                MessageReceiver& receiver, const octet* pBufferEnd);
+    int InterpretAckNackMessage(octet* pSubMessage, const subMessageHeader& header, MessageReceiver& receiver,
+                                const octet* pBufferEnd);
     int InterpretHeartbeatMessage(octet* pSubMessage, const subMessageHeader& header,
                                   MessageReceiver& receiver, const octet* pBufferEnd);
-    int InterpretGapMessage(octet* pSubMessage, const subMessageHeader& header,
-                            MessageReceiver& receiver, const octet* pBufferEnd);
-    int InterpretInfoTSMessage(octet* pSubMessage, const subMessageHeader& header,
-                               MessageReceiver& receiver, const octet* pBufferEnd);
-    int InterpretInfoDstMessage(octet* pSubMessage, const subMessageHeader& header,
-                                MessageReceiver& receiver, const octet* pBufferEnd);
+    int InterpretGapMessage(octet* pSubMessage, const subMessageHeader& header, MessageReceiver& receiver,
+                            const octet* pBufferEnd);
+    int InterpretInfoTSMessage(octet* pSubMessage, const subMessageHeader& header, MessageReceiver& receiver,
+                               const octet* pBufferEnd);
+    int InterpretInfoDstMessage(octet* pSubMessage, const subMessageHeader& header, MessageReceiver& receiver,
+                                const octet* pBufferEnd);
     int InterpretNackFragMessage(octet* pSubMessage, const subMessageHeader& header,
                                  MessageReceiver& receiver, const octet* pBufferEnd);
-    int InterpretDataMessage(octet* pSubMessage, const subMessageHeader& header,
-                             MessageReceiver& receiver, const octet* pBufferEnd);
+    int InterpretDataMessage(octet* pSubMessage, const subMessageHeader& header, MessageReceiver& receiver,
+                             const octet* pBufferEnd);
     int InterpretDataFragMessage(octet* pSubMessage, const subMessageHeader& header,
                                  MessageReceiver& receiver, const octet* pBufferEnd);
     // Reads parameters up to and including the sentinel; pEnd bounds the reads.

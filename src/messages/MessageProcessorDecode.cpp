@@ -14,11 +14,11 @@
 #include "core/SystemClock.h"
 #include "messages/MessageProcessor.h"
 #include "messages/ReceiveBuffer.h"
-#include "rtps/HistoryCache.h"     // layer-ok: trace lines name the endpoint's topic, held by its cache
-#include "rtps/Participant.h"      // layer-ok: the decoder borrows endpoints from the participant's registry
-#include "rtps/Reader.h"           // layer-ok: DATA, DATA_FRAG and HEARTBEAT go to the reader's receive operations
-#include "rtps/StatefulReader.h"   // layer-ok: the matched-reader look-up hands out the reader class
-#include "rtps/StatefulWriter.h"   // layer-ok: ACKNACK and NACK_FRAG go to the reliable writer's receive operations
+#include "rtps/HistoryCache.h"  // layer-ok: trace lines name the endpoint's topic, held by its cache
+#include "rtps/Participant.h"   // layer-ok: the decoder borrows endpoints from the participant's registry
+#include "rtps/Reader.h"  // layer-ok: DATA, DATA_FRAG and HEARTBEAT go to the reader's receive operations
+#include "rtps/StatefulReader.h"  // layer-ok: the matched-reader look-up hands out the reader class
+#include "rtps/StatefulWriter.h"  // layer-ok: ACKNACK and NACK_FRAG go to the reliable writer's receive operations
 
 namespace {
 const octet FLAG_E = 0x01;
@@ -52,7 +52,9 @@ void LogFormat(int iKey, int iCode, const char* szFormat, ...) {
     DDSLogManagementFactory::WriteDDSLog(iKey, szText, strlen(szText), iCode, GUID_UNKNOWN);
 }
 
-uint16_t Swap16(uint16_t v) { return uint16_t((v >> 8) | (v << 8)); }
+uint16_t Swap16(uint16_t v) {
+    return uint16_t((v >> 8) | (v << 8));
+}
 
 uint32_t Swap32(uint32_t v) {
     return (v >> 24) | ((v >> 8) & 0x0000FF00u) | ((v << 8) & 0x00FF0000u) | (v << 24);
@@ -71,7 +73,9 @@ void ClearDecodeBuffer(octet* pBuffer, uint32_t uiFrom, uint32_t& uiUsed) {
     uiUsed = uiFrom;
 }
 
-size_t Remaining(const octet* p, const octet* pEnd) { return p < pEnd ? size_t(pEnd - p) : 0; }
+size_t Remaining(const octet* p, const octet* pEnd) {
+    return p < pEnd ? size_t(pEnd - p) : 0;
+}
 
 // Copies uiSize bytes from p; whatever lies at or behind pEnd reads as zero, as the
 // bytes behind a datagram inside the buffer do.
@@ -211,11 +215,12 @@ int MessageProcessor::InterpretMessageHeader(octet*& pMessage, MessageReceiver& 
         std::string strPrefix;
         GuidPrefix prefix = header.guidPrefix;
         DDSLogManagementFactory::GuidPrefixToString(prefix.value, strPrefix);
-        LogFormat(m_iLogKey, DDSLOG_RECV,
-                  "[MessageProcessor::InterpretMessageHeader] RecvHead SourceVersion : %d.%d SourceVendorId : "
-                  "%d.%d SourceGuidPrefix is %s",
-                  int(header.version[0]), int(header.version[1]), int(header.vendorId[0]),
-                  int(header.vendorId[1]), strPrefix.c_str());
+        LogFormat(
+            m_iLogKey, DDSLOG_RECV,
+            "[MessageProcessor::InterpretMessageHeader] RecvHead SourceVersion : %d.%d SourceVendorId : "
+            "%d.%d SourceGuidPrefix is %s",
+            int(header.version[0]), int(header.version[1]), int(header.vendorId[0]), int(header.vendorId[1]),
+            strPrefix.c_str());
     }
     return 0;
 }
@@ -234,17 +239,35 @@ int MessageProcessor::InterpretSubMessage(octet*& pMessage, MessageReceiver& rec
         if (header.octetsToNextHeader > 0 && size_t(header.octetsToNextHeader) + 4 > uiLeft)
             return INTERPRET_CUT;
         switch (header.submessageId) {
-            case ACKNACK: iResult = InterpretAckNackMessage(pMessage, header, receiver, pBufferEnd); break;
-            case HEARTBEAT: iResult = InterpretHeartbeatMessage(pMessage, header, receiver, pBufferEnd); break;
-            case GAP: iResult = InterpretGapMessage(pMessage, header, receiver, pBufferEnd); break;
-            case INFO_TS: iResult = InterpretInfoTSMessage(pMessage, header, receiver, pBufferEnd); break;
-            case INFO_DST: iResult = InterpretInfoDstMessage(pMessage, header, receiver, pBufferEnd); break;
-            case NACK_FRAG: iResult = InterpretNackFragMessage(pMessage, header, receiver, pBufferEnd); break;
-            case DATA: iResult = InterpretDataMessage(pMessage, header, receiver, pBufferEnd); break;
-            case DATA_FRAG: iResult = InterpretDataFragMessage(pMessage, header, receiver, pBufferEnd); break;
+            case ACKNACK:
+                iResult = InterpretAckNackMessage(pMessage, header, receiver, pBufferEnd);
+                break;
+            case HEARTBEAT:
+                iResult = InterpretHeartbeatMessage(pMessage, header, receiver, pBufferEnd);
+                break;
+            case GAP:
+                iResult = InterpretGapMessage(pMessage, header, receiver, pBufferEnd);
+                break;
+            case INFO_TS:
+                iResult = InterpretInfoTSMessage(pMessage, header, receiver, pBufferEnd);
+                break;
+            case INFO_DST:
+                iResult = InterpretInfoDstMessage(pMessage, header, receiver, pBufferEnd);
+                break;
+            case NACK_FRAG:
+                iResult = InterpretNackFragMessage(pMessage, header, receiver, pBufferEnd);
+                break;
+            case DATA:
+                iResult = InterpretDataMessage(pMessage, header, receiver, pBufferEnd);
+                break;
+            case DATA_FRAG:
+                iResult = InterpretDataFragMessage(pMessage, header, receiver, pBufferEnd);
+                break;
             // PAD, INFO_SRC, INFO_REPLY, HEARTBEAT_FRAG, vendor kinds and the zeros
             // behind the datagram: skipped by their length.
-            default: iResult = INTERPRET_NO_HANDLER; break;
+            default:
+                iResult = INTERPRET_NO_HANDLER;
+                break;
         }
         // The rest of a submessage that its own fields contradict is not trusted.
         if (iResult == INTERPRET_CUT) return iResult;
@@ -321,8 +344,8 @@ int MessageProcessor::InterpretDataMessage(octet* pSubMessage, const subMessageH
     std::list<Parameter> inlineQos;
     size_t uiPos = sizeof(DataSubMessage);
     if ((message.header.flags & FLAG_INLINE_QOS) != 0 &&
-        InlineQosAt(*this, pSubMessage, SubMessageSpan(pSubMessage, header, pBufferEnd), uiPos,
-                    inlineQos, iLength) != 0)
+        InlineQosAt(*this, pSubMessage, SubMessageSpan(pSubMessage, header, pBufferEnd), uiPos, inlineQos,
+                    iLength) != 0)
         return INTERPRET_CUT;
     // A DATA shorter than its own front has no payload length to give.
     if (iLength < 0) return INTERPRET_CUT;
@@ -360,8 +383,8 @@ int MessageProcessor::InterpretDataFragMessage(octet* pSubMessage, const subMess
     std::list<Parameter> inlineQos;
     size_t uiPos = sizeof(DataFragSubMessage);
     if ((message.header.flags & FLAG_INLINE_QOS) != 0 &&
-        InlineQosAt(*this, pSubMessage, SubMessageSpan(pSubMessage, header, pBufferEnd), uiPos,
-                    inlineQos, iLength) != 0)
+        InlineQosAt(*this, pSubMessage, SubMessageSpan(pSubMessage, header, pBufferEnd), uiPos, inlineQos,
+                    iLength) != 0)
         return INTERPRET_CUT;
     iLength -= int64_t(sizeof(dataFrag));
     // Fragment fields and fragment must lie inside the buffer; a negative length
@@ -417,17 +440,17 @@ int MessageProcessor::InterpretHeartbeatMessage(octet* pSubMessage, const subMes
         message.count = Swap32(message.count);
     }
     // Final and Liveliness are not looked at.
-    Reader* pReader = FindReader(m_pOwner, receiver.sourceGuidPrefix, message.writerId, FIRST_SEDP_ENTRY,
-                                 END_SEDP_ENTRY);
+    Reader* pReader =
+        FindReader(m_pOwner, receiver.sourceGuidPrefix, message.writerId, FIRST_SEDP_ENTRY, END_SEDP_ENTRY);
     if (pReader == nullptr) {
         LogText("[MessageProcessor::InterpretHeartbeatMessage] pReader = NULL", DDSLOG_INFO);
         return 1;
     }
     if (TraceOn())
-        LogFormat(m_iLogKey, DDSLOG_RECV,
-                  "[MessageProcessor::InterpretHeartbeatMessage] TopicName = %s Count = %d First = %d Last = %d",
-                  TopicOf(pReader).c_str(), int(message.count), int(message.firstSN.low),
-                  int(message.lastSN.low));
+        LogFormat(
+            m_iLogKey, DDSLOG_RECV,
+            "[MessageProcessor::InterpretHeartbeatMessage] TopicName = %s Count = %d First = %d Last = %d",
+            TopicOf(pReader).c_str(), int(message.count), int(message.firstSN.low), int(message.lastSN.low));
     pReader->HeartBeatMessageReceive(receiver, message);
     m_pOwner->returnEndpoint(pReader);
     return 0;
@@ -473,11 +496,12 @@ int MessageProcessor::InterpretAckNackMessage(octet* pSubMessage, const subMessa
         return 1;
     }
     if (TraceOn())
-        LogFormat(m_iLogKey, DDSLOG_RECV,
-                  "[MessageProcessor::InterpretAckNackMessage] RecvAck TopicName = %s Count = %d BitmapBase = %d "
-                  "numBit = %d ",
-                  TopicOf(pWriter).c_str(), int(message.count), int(message.readerSNState.bitmapBase.low),
-                  int(message.readerSNState.numBits));
+        LogFormat(
+            m_iLogKey, DDSLOG_RECV,
+            "[MessageProcessor::InterpretAckNackMessage] RecvAck TopicName = %s Count = %d BitmapBase = %d "
+            "numBit = %d ",
+            TopicOf(pWriter).c_str(), int(message.count), int(message.readerSNState.bitmapBase.low),
+            int(message.readerSNState.numBits));
     pWriter->AckNackMessageReceive(receiver, message);
     m_pOwner->returnEndpoint(pWriter);
     return 0;

@@ -124,7 +124,8 @@ octet* MessageProcessor::EncapsulateMessageHeader(uint32_t& uiMessageLen) {
 
 octet* MessageProcessor::EncapsulateINFODSTMessage(uint32_t& uiMessageLen, const GuidPrefix& dstPrefix) {
     if (EnsureCapacity(uint64_t(uiMessageLen) + 16) != 0) {
-        LogText("[MessageProcessor::EncapsulateINFODSTMessage] DoubleEncapsulateMessageSize Error", DDSLOG_INFO);
+        LogText("[MessageProcessor::EncapsulateINFODSTMessage] DoubleEncapsulateMessageSize Error",
+                DDSLOG_INFO);
         return nullptr;
     }
     octet* p = m_pEncapsulateMessage + uiMessageLen;
@@ -137,7 +138,8 @@ octet* MessageProcessor::EncapsulateINFODSTMessage(uint32_t& uiMessageLen, const
 
 octet* MessageProcessor::EncapsulateINFOTSMessage(uint32_t& uiMessageLen, const Time_t& timestamp) {
     if (EnsureCapacity(uint64_t(uiMessageLen) + 12) != 0) {
-        LogText("[MessageProcessor::EncapsulateINFOTSMessage] DoubleEncapsulateMessageSize Error", DDSLOG_INFO);
+        LogText("[MessageProcessor::EncapsulateINFOTSMessage] DoubleEncapsulateMessageSize Error",
+                DDSLOG_INFO);
         return nullptr;
     }
     octet* p = m_pEncapsulateMessage + uiMessageLen;
@@ -190,11 +192,13 @@ octet* MessageProcessor::EncapsulateDATAMessage(uint32_t& uiMessageLen, const oc
     uint32_t uiPos = uiStart + 24;
 
     if (AppendInlineQos(uiPos, inlineQos) != 0) {
-        LogText("[MessageProcessor::EncapsulateDATAMessage]  DoubleEncapsulateMessageSize [1] Error", DDSLOG_INFO);
+        LogText("[MessageProcessor::EncapsulateDATAMessage]  DoubleEncapsulateMessageSize [1] Error",
+                DDSLOG_INFO);
         return nullptr;
     }
     if (EnsureCapacity(uint64_t(uiPos) + uiDataLen) != 0) {
-        LogText("[MessageProcessor::EncapsulateDATAMessage]  DoubleEncapsulateMessageSize [2] error", DDSLOG_INFO);
+        LogText("[MessageProcessor::EncapsulateDATAMessage]  DoubleEncapsulateMessageSize [2] error",
+                DDSLOG_INFO);
         return nullptr;
     }
     if (uiDataLen != 0) {
@@ -211,8 +215,7 @@ octet* MessageProcessor::EncapsulateDATAMessage(uint32_t& uiMessageLen, const oc
 
 octet* MessageProcessor::EncapsulateDATAFragMessage(uint32_t& uiMessageLen, const octet* pFragment,
                                                     uint32_t uiFragmentLen, uint32_t uiFragmentNum,
-                                                    uint32_t uiSampleSize,
-                                                    const SequenceNumber_t& writerSN,
+                                                    uint32_t uiSampleSize, const SequenceNumber_t& writerSN,
                                                     const std::list<Parameter>& inlineQos,
                                                     const EntityId_t& writerId) {
     if (EnsureCapacity(uint64_t(uiMessageLen) + 36) != 0) {
@@ -222,9 +225,10 @@ octet* MessageProcessor::EncapsulateDATAFragMessage(uint32_t& uiMessageLen, cons
     }
     if (TraceOn()) {
         char szText[200];
-        snprintf(szText, sizeof(szText),
-                 "[MessageProcessor::EncapsulateDATAFragMessage] DataFrag   Seq = %d FragmentStartingNum = %d",
-                 int(writerSN.low), int(uiFragmentNum));
+        snprintf(
+            szText, sizeof(szText),
+            "[MessageProcessor::EncapsulateDATAFragMessage] DataFrag   Seq = %d FragmentStartingNum = %d",
+            int(writerSN.low), int(uiFragmentNum));
         LogText(szText, DDSLOG_WRITE);
     }
     const bool bInlineQos = !inlineQos.empty();
@@ -247,7 +251,7 @@ octet* MessageProcessor::EncapsulateDATAFragMessage(uint32_t& uiMessageLen, cons
     // Room for these 12 bytes is left by the front reserve or by the parameter slack.
     octet* p = m_pEncapsulateMessage + uiPos;
     PutU32(p, uiFragmentNum);
-    PutU16(p + 4, 1);  // fragmentsInSubmessage
+    PutU16(p + 4, 1);                        // fragmentsInSubmessage
     PutU16(p + 6, uint16_t(FRAGMENT_SIZE));  // constant, also for the last fragment
     PutU32(p + 8, uiSampleSize);
     uiPos += 12;
@@ -278,9 +282,10 @@ octet* MessageProcessor::EncapsulateHeartBeatMessage(uint32_t& uiMessageLen, con
     }
     if (TraceOn()) {
         char szText[200];
-        snprintf(szText, sizeof(szText),
-                 "[MessageProcessor::EncapsulateHeartBeatMessage] HB [2]  Count = %d FirstSN = %d LastSN = %d",
-                 int(iCount), int(firstSN.low), int(lastSN.low));
+        snprintf(
+            szText, sizeof(szText),
+            "[MessageProcessor::EncapsulateHeartBeatMessage] HB [2]  Count = %d FirstSN = %d LastSN = %d",
+            int(iCount), int(firstSN.low), int(lastSN.low));
         LogText(szText, DDSLOG_WRITE);
     }
     octet* p = m_pEncapsulateMessage + uiMessageLen;
@@ -300,7 +305,8 @@ octet* MessageProcessor::EncapsulateAckNackMessage(uint32_t& uiMessageLen, const
                                                    const EntityId_t& readerId,
                                                    const SequenceNumberSet& readerSNState) {
     if (EnsureCapacity(uint64_t(uiMessageLen) + 60) != 0) {
-        LogText("[MessageProcessor::EncapsulateAckNackMessage] DoubleEncapsulateMessageSize Error", DDSLOG_INFO);
+        LogText("[MessageProcessor::EncapsulateAckNackMessage] DoubleEncapsulateMessageSize Error",
+                DDSLOG_INFO);
         return nullptr;
     }
     if (TraceOn()) {
@@ -366,7 +372,8 @@ octet* MessageProcessor::EncapsulateNackFragMessage(uint32_t& uiMessageLen, cons
                                                     const SequenceNumber_t& writerSN,
                                                     FragmentNumberSet& fragmentNumberState) {
     if (EnsureCapacity(uint64_t(uiMessageLen) + 64) != 0) {
-        LogText("[MessageProcessor::EncapsulateNackFragMessage] DoubleEncapsulateMessageSize error", DDSLOG_INFO);
+        LogText("[MessageProcessor::EncapsulateNackFragMessage] DoubleEncapsulateMessageSize error",
+                DDSLOG_INFO);
         return nullptr;
     }
     if (TraceOn()) {
@@ -400,7 +407,8 @@ octet* MessageProcessor::EncapsulateNackFragMessage(uint32_t& uiMessageLen, cons
 }
 
 octet* MessageProcessor::modifyHeartBeatReaderId(const EntityId_t& readerId) {
-    if (m_pEncapsulateMessage == nullptr || uint64_t(m_uiHeartBeatReaderIdPos) + 4 > m_uiEncapsulateMessageSize)
+    if (m_pEncapsulateMessage == nullptr ||
+        uint64_t(m_uiHeartBeatReaderIdPos) + 4 > m_uiEncapsulateMessageSize)
         return m_pEncapsulateMessage;
     PutEntity(m_pEncapsulateMessage + m_uiHeartBeatReaderIdPos, readerId);
     return m_pEncapsulateMessage;

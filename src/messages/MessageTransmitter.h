@@ -11,8 +11,7 @@
 
 class ReceiveBuffer;
 
-class MessageTransmitter
-{
+class MessageTransmitter {
 public:
     explicit MessageTransmitter(ReceiveBuffer* pReceiveBuffer);
     virtual ~MessageTransmitter();
@@ -28,8 +27,8 @@ public:
     virtual int MessageSend(Locator_t source, Locator_t destination, const octet* pMessage,
                             uint32_t uiLength) = 0;
     // Forwards to the pair above, for callers that hold the locators by address.
-    virtual int MessageSend(const Locator_t* pSource, const Locator_t* pDestination,
-                            const octet* pMessage, uint32_t uiLength) = 0;
+    virtual int MessageSend(const Locator_t* pSource, const Locator_t* pDestination, const octet* pMessage,
+                            uint32_t uiLength) = 0;
     virtual int ReceiveMessage() = 0;
     virtual int ReceiveAddrAdd(Locator_t locator) = 0;
     virtual int ReceiveAddrRemove(Locator_t locator) = 0;
@@ -66,7 +65,7 @@ protected:
 
     std::atomic<uint8_t> m_RunFlag;
     std::atomic<uint8_t> m_StoppedFlag;
-    ReceiveBuffer* m_pReceiveBuffer;    // not owned
+    ReceiveBuffer* m_pReceiveBuffer;  // not owned
     std::list<Locator_t> m_LocalLocators;
     int m_iLogKey;
 };

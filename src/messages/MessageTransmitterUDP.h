@@ -9,8 +9,7 @@
 #include "core/Mutex.h"
 #include "messages/MessageTransmitter.h"
 
-class MessageTransmitterUDP : public MessageTransmitter
-{
+class MessageTransmitterUDP : public MessageTransmitter {
 public:
     static constexpr uint32_t RECV_BUFFER_SIZE = 6553600;
     static constexpr int MAX_WATCHED_SOCKETS = 64;
@@ -67,13 +66,13 @@ private:
     int DrainSocket(int iSocket);
     void LogText(const char* szFormat, ...) const __attribute__((format(printf, 2, 3)));
 
-    octet* m_pRecvBuffer;                       // owned; receive thread only
-    std::map<uint32_t, int> m_SendSocket;       // address (network order) -> socket
-    std::map<uint16_t, int> m_ReceiveSocket;    // port -> socket
+    octet* m_pRecvBuffer;                     // owned; receive thread only
+    std::map<uint32_t, int> m_SendSocket;     // address (network order) -> socket
+    std::map<uint16_t, int> m_ReceiveSocket;  // port -> socket
     int m_iHighestSocket;
-    int m_aReadSet[MAX_WATCHED_SOCKETS];        // rebuilt on every pass
+    int m_aReadSet[MAX_WATCHED_SOCKETS];  // rebuilt on every pass
     int m_iReadSetCount;
-    Mutex m_SocketMapLock;                      // leaf: guards the two maps only
+    Mutex m_SocketMapLock;  // leaf: guards the two maps only
     // Watched beside the receive sockets, outside their cap of 64, only to end the
     // wait early; -1 when the system gave none (the wait then runs its full second).
     int m_iWakeFd;

@@ -9,10 +9,9 @@
 #include "core/Mutex.h"
 #include "core/Semaphore.h"
 
-class ReceiveBuffer
-{
+class ReceiveBuffer {
 public:
-    static constexpr uint32_t DEFAULT_CAPACITY = 52428800;   // 50 MiB
+    static constexpr uint32_t DEFAULT_CAPACITY = 52428800;  // 50 MiB
     // What the process thread hands to Read: a UDP datagram never exceeds it.
     static constexpr uint32_t READ_DESTINATION_SIZE = 65536;
     static constexpr unsigned int READ_WAIT_MS = 1000;
@@ -35,8 +34,7 @@ public:
     // one. 0, or 1 when nothing was read. pDestination must hold
     // uiDestinationSize bytes; a longer record (which no UDP datagram can make)
     // is cut there and its rest skipped, uiLength still giving its full length.
-    int Read(octet* pDestination, uint32_t& uiLength,
-             uint32_t uiDestinationSize = READ_DESTINATION_SIZE);
+    int Read(octet* pDestination, uint32_t& uiLength, uint32_t uiDestinationSize = READ_DESTINATION_SIZE);
 
     // Releases a Read that waits on the gate now (or the next one to wait) without
     // a record: on an empty ring it returns 1 silently, as on a time-out; with a
@@ -61,7 +59,7 @@ private:
     octet* m_pBuffer;
     uint32_t m_uiAvailableLength;
     Mutex m_Lock;
-    Semaphore m_DataSemaphore;          // initial 0, maximum 1: a gate, not a count
-    bool m_bWakePending;                // under m_Lock: the gate was opened by Wake
+    Semaphore m_DataSemaphore;  // initial 0, maximum 1: a gate, not a count
+    bool m_bWakePending;        // under m_Lock: the gate was opened by Wake
     uint32_t m_uiDomainId;
 };

@@ -134,7 +134,9 @@ static_assert(sizeof(ackMessage) == 60, "full ACKNACK is 60 bytes");
 static_assert(sizeof(NackFragMessage) == 64, "full NACK_FRAG is 64 bytes");
 static_assert(sizeof(stGapSubMessage) == 64, "full GAP is 64 bytes");
 
-inline SequenceNumber_t FromWire(const WireSequenceNumber& w) { return SequenceNumber_t(w.high, w.low); }
+inline SequenceNumber_t FromWire(const WireSequenceNumber& w) {
+    return SequenceNumber_t(w.high, w.low);
+}
 inline WireSequenceNumber ToWire(const SequenceNumber_t& s) {
     WireSequenceNumber w;
     w.high = s.high;

@@ -4,39 +4,31 @@
 #include "messages/MessageProcessor.h"
 #include "requests/DataSendHelper.h"
 
-namespace
-{
+namespace {
 // Replies of the built-in SEDP writers go to their reader counterparts; all
 // other DATA leave with an unknown reader.
-EntityId_t ReaderIdFor(const EntityId_t& writerId)
-{
+EntityId_t ReaderIdFor(const EntityId_t& writerId) {
     if (writerId == ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER)
         return ENTITYID_SEDP_BUILTIN_PUBLICATIONS_READER;
     if (writerId == ENTITYID_SEDP_BUILTIN_SUBSCRIPTIONS_WRITER)
         return ENTITYID_SEDP_BUILTIN_SUBSCRIPTIONS_READER;
     return ENTITYID_UNKNOWN;
 }
-} // namespace
+}  // namespace
 
 DataMessageRequest::DataMessageRequest(const EntityId_t& entityId,
                                        const std::list<ReaderProxy*>& readerProxies,
-                                       CacheChange* pCacheChange,
-                                       MessageProcessor* pMessageProcessor,
-                                       MessageTransmitter* pMessageTransmitter,
-                                       const Time_t& startTime, const Time_t& nextTime)
-    : Request(REQUEST_TYPE_DATA, entityId, pMessageProcessor, pMessageTransmitter, startTime,
-              nextTime),
+                                       CacheChange* pCacheChange, MessageProcessor* pMessageProcessor,
+                                       MessageTransmitter* pMessageTransmitter, const Time_t& startTime,
+                                       const Time_t& nextTime)
+    : Request(REQUEST_TYPE_DATA, entityId, pMessageProcessor, pMessageTransmitter, startTime, nextTime),
       m_ReaderProxyList(readerProxies),
-      m_pCacheChange(pCacheChange)
-{
-}
+      m_pCacheChange(pCacheChange) {}
 
 DataMessageRequest::~DataMessageRequest() {}
 
-uint32_t DataMessageRequest::Execute()
-{
-    if (m_pMessageProcessor == nullptr || m_pCacheChange == nullptr)
-        return REQUEST_EXECUTE_FAILED;
+uint32_t DataMessageRequest::Execute() {
+    if (m_pMessageProcessor == nullptr || m_pCacheChange == nullptr) return REQUEST_EXECUTE_FAILED;
 
     m_pMessageProcessor->lockMessage();
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*m_pCacheChange);
@@ -49,20 +41,20 @@ uint32_t DataMessageRequest::Execute()
     uint32_t uiMessageLen = 0;
     const DataSendHelper::FrontResult front =
         DataSendHelper::ComposeFront(m_pMessageProcessor, uiMessageLen, sample);
-    if (front == DataSendHelper::FRONT_HEADER_FAILED)
-    {
+    if (front == DataSendHelper::FRONT_HEADER_FAILED) {
         m_pMessageProcessor->unlockMessage();
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
-                            "[DataMessageRequest::Execute] EncapsulateMessageHeader Error and TopicName = %s SeqNum = %d",
-                            m_strTopicName.c_str(), iSeq);
+        DataSendHelper::Log(
+            m_uiDomainId, DDSLOG_INFO,
+            "[DataMessageRequest::Execute] EncapsulateMessageHeader Error and TopicName = %s SeqNum = %d",
+            m_strTopicName.c_str(), iSeq);
         return REQUEST_EXECUTE_FAILED;
     }
-    if (front == DataSendHelper::FRONT_INFOTS_FAILED)
-    {
+    if (front == DataSendHelper::FRONT_INFOTS_FAILED) {
         m_pMessageProcessor->unlockMessage();
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
-                            "[DataMessageRequest::Execute] EncapsulateINFOTSMessage Error and TopicName = %s,SeqNum = %d",
-                            m_strTopicName.c_str(), iSeq);
+        DataSendHelper::Log(
+            m_uiDomainId, DDSLOG_INFO,
+            "[DataMessageRequest::Execute] EncapsulateINFOTSMessage Error and TopicName = %s,SeqNum = %d",
+            m_strTopicName.c_str(), iSeq);
         return REQUEST_EXECUTE_FAILED;
     }
 
@@ -76,8 +68,7 @@ uint32_t DataMessageRequest::Execute()
     return REQUEST_EXECUTE_OK;
 }
 
-int DataMessageRequest::sendDataMessage(uint32_t uiMessageLen)
-{
+int DataMessageRequest::sendDataMessage(uint32_t uiMessageLen) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*m_pCacheChange);
     const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
     if (bTrace)
@@ -88,8 +79,7 @@ int DataMessageRequest::sendDataMessage(uint32_t uiMessageLen)
     Writer* pWriter = nullptr;
     if (DataSendHelper::WriterExists(m_pMessageProcessor, m_EntityId))
         pWriter = DataSendHelper::BorrowWriter(m_pMessageProcessor, m_EntityId);
-    if (pWriter == nullptr)
-    {
+    if (pWriter == nullptr) {
         DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
                             "[DataMessageRequest::sendDataMessage] isEndpointExist Error and TopicName = %s",
                             m_strTopicName.c_str());
@@ -104,12 +94,10 @@ int DataMessageRequest::sendDataMessage(uint32_t uiMessageLen)
     // unicast locators; this proxy's reader: the same, but the proxy's
     // locators replace the list; any other reader: change_not_relevant.
 
-    octet* pMessage =
-        DataSendHelper::AppendData(m_pMessageProcessor, uiMessageLen, sample, pWriter);
+    octet* pMessage = DataSendHelper::AppendData(m_pMessageProcessor, uiMessageLen, sample, pWriter);
     // Patched whatever the encoder answered; the processor ignores a missing buffer.
     m_pMessageProcessor->modifyDataReaderId(ReaderIdFor(m_EntityId));
-    if (pMessage == nullptr)
-    {
+    if (pMessage == nullptr) {
         DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
         DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
                             "[DataMessageRequest::sendDataMessage] returnEndpoint Error and TopicName = %s",
@@ -117,8 +105,7 @@ int DataMessageRequest::sendDataMessage(uint32_t uiMessageLen)
         return 1;
     }
     DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-    DataSendHelper::Send(m_pMessageProcessor, m_pMessageTransmitter, sources, destinations,
-                         uiMessageLen);
+    DataSendHelper::Send(m_pMessageProcessor, m_pMessageTransmitter, sources, destinations, uiMessageLen);
     if (bTrace)
         DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
                             "[MessageTransmitterUDP::MessageSend] Data [5] TopicName = %s SeqNum = %d",
@@ -126,8 +113,7 @@ int DataMessageRequest::sendDataMessage(uint32_t uiMessageLen)
     return 0;
 }
 
-int DataMessageRequest::sendDataFragMessage(uint32_t uiMessageLen)
-{
+int DataMessageRequest::sendDataFragMessage(uint32_t uiMessageLen) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*m_pCacheChange);
     const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
     if (bTrace)
@@ -138,11 +124,11 @@ int DataMessageRequest::sendDataFragMessage(uint32_t uiMessageLen)
     Writer* pWriter = nullptr;
     if (DataSendHelper::WriterExists(m_pMessageProcessor, m_EntityId))
         pWriter = DataSendHelper::BorrowWriter(m_pMessageProcessor, m_EntityId);
-    if (pWriter == nullptr)
-    {
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
-                            "[DataMessageRequest::sendDataFragMessage] isEndpointExist Error and TopicName = %s",
-                            m_strTopicName.c_str());
+    if (pWriter == nullptr) {
+        DataSendHelper::Log(
+            m_uiDomainId, DDSLOG_INFO,
+            "[DataMessageRequest::sendDataFragMessage] isEndpointExist Error and TopicName = %s",
+            m_strTopicName.c_str());
         return 1;
     }
 
@@ -154,8 +140,8 @@ int DataMessageRequest::sendDataFragMessage(uint32_t uiMessageLen)
 
     // The readerId of every fragment stays 00 00 00 00.
     const int iResult = DataSendHelper::SendFragments(
-        m_pMessageProcessor, m_pMessageTransmitter, uiMessageLen, sample, pWriter, sources,
-        destinations, [this, bTrace, &sample](uint32_t) {
+        m_pMessageProcessor, m_pMessageTransmitter, uiMessageLen, sample, pWriter, sources, destinations,
+        [this, bTrace, &sample](uint32_t) {
             // This class has one step [5] text for DATA and DATA_FRAG alike.
             if (bTrace)
                 DataSendHelper::Log(
@@ -163,12 +149,12 @@ int DataMessageRequest::sendDataFragMessage(uint32_t uiMessageLen)
                     "[MessageTransmitterUDP::MessageSend] Data [5] TopicName = %s SeqNum = %d",
                     m_strTopicName.c_str(), int(sample.sequenceNumber.low));
         });
-    if (iResult != 0)
-    {
+    if (iResult != 0) {
         DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
-                            "[DataMessageRequest::sendDataFragMessage] returnEndpoint Error and TopicName = %s",
-                            m_strTopicName.c_str());
+        DataSendHelper::Log(
+            m_uiDomainId, DDSLOG_INFO,
+            "[DataMessageRequest::sendDataFragMessage] returnEndpoint Error and TopicName = %s",
+            m_strTopicName.c_str());
         return 1;
     }
     if (bTrace)

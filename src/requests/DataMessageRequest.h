@@ -12,8 +12,7 @@
 class CacheChange;
 class ReaderProxy;
 
-class DataMessageRequest : public Request
-{
+class DataMessageRequest : public Request {
 public:
     // pCacheChange stays in the writer's history cache: not owned.
     DataMessageRequest(const EntityId_t& entityId, const std::list<ReaderProxy*>& readerProxies,

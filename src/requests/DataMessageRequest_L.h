@@ -10,14 +10,12 @@
 
 class CacheChange;
 
-class DataMessageRequest_L : public Request
-{
+class DataMessageRequest_L : public Request {
 public:
     // Takes over pCacheChange with its payload.
     DataMessageRequest_L(const EntityId_t& entityId, CacheChange* pCacheChange,
-                         MessageProcessor* pMessageProcessor,
-                         MessageTransmitter* pMessageTransmitter, const Time_t& startTime,
-                         const Time_t& nextTime);
+                         MessageProcessor* pMessageProcessor, MessageTransmitter* pMessageTransmitter,
+                         const Time_t& startTime, const Time_t& nextTime);
     // Frees a change that was never executed (a scheduler dropping the request).
     ~DataMessageRequest_L() override;
 

@@ -5,48 +5,38 @@
 #include "messages/MessageProcessor.h"
 #include "requests/DataSendHelper.h"
 
-namespace
-{
+namespace {
 // Pause after each resent fragment, so that a repair burst does not flood the reader.
 const int FRAGMENT_PAUSE_MS = 1;
-} // namespace
+}  // namespace
 
-DataMessageWithReaderProxy::DataMessageWithReaderProxy(const EntityId_t& entityId,
-                                                       ReaderProxy* pReaderProxy,
+DataMessageWithReaderProxy::DataMessageWithReaderProxy(const EntityId_t& entityId, ReaderProxy* pReaderProxy,
                                                        MessageProcessor* pMessageProcessor,
                                                        MessageTransmitter* pMessageTransmitter,
-                                                       const Time_t& startTime,
-                                                       const Time_t& nextTime)
-    : Request(REQUEST_TYPE_DATA_READER_PROXY, entityId, pMessageProcessor, pMessageTransmitter,
-              startTime, nextTime),
-      m_pReaderProxy(pReaderProxy)
-{
-}
+                                                       const Time_t& startTime, const Time_t& nextTime)
+    : Request(REQUEST_TYPE_DATA_READER_PROXY, entityId, pMessageProcessor, pMessageTransmitter, startTime,
+              nextTime),
+      m_pReaderProxy(pReaderProxy) {}
 
 DataMessageWithReaderProxy::~DataMessageWithReaderProxy() {}
 
-std::list<Locator_t> DataMessageWithReaderProxy::proxyUnicastLocators() const
-{
+std::list<Locator_t> DataMessageWithReaderProxy::proxyUnicastLocators() const {
     // Finished with the reliable protocol work: the proxy's unicast locator list.
     return std::list<Locator_t>();
 }
 
-GUID_t DataMessageWithReaderProxy::proxyGuid() const
-{
+GUID_t DataMessageWithReaderProxy::proxyGuid() const {
     // Finished with the reliable protocol work: the proxy's remoteReaderGuid.
     return GUID_UNKNOWN;
 }
 
-uint32_t DataMessageWithReaderProxy::Execute()
-{
-    if (m_pMessageProcessor == nullptr)
-        return REQUEST_EXECUTE_FAILED;
+uint32_t DataMessageWithReaderProxy::Execute() {
+    if (m_pMessageProcessor == nullptr) return REQUEST_EXECUTE_FAILED;
     if (DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName))
         DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
                             "[DataMessageWithReaderProxy::Execute] [1] TopicName = %s ",
                             m_strTopicName.c_str());
-    if (!DataSendHelper::WriterExists(m_pMessageProcessor, m_EntityId))
-    {
+    if (!DataSendHelper::WriterExists(m_pMessageProcessor, m_EntityId)) {
         DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
                             "[DataMessageWithReaderProxy::Execute] isEndpointExist Error and TopicName = %s",
                             m_strTopicName.c_str());
@@ -55,8 +45,7 @@ uint32_t DataMessageWithReaderProxy::Execute()
 
     m_pMessageProcessor->lockMessage();
     Writer* pWriter = DataSendHelper::BorrowWriter(m_pMessageProcessor, m_EntityId);
-    if (pWriter == nullptr)
-    {
+    if (pWriter == nullptr) {
         // Gone while we waited for it.
         m_pMessageProcessor->unlockMessage();
         DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
@@ -79,40 +68,36 @@ uint32_t DataMessageWithReaderProxy::Execute()
 }
 
 DataMessageWithReaderProxy::SendResult DataMessageWithReaderProxy::sendRequestedChange(
-    Writer* pWriter, CacheChange* pChange, SequenceNumber_t& gapStart,
-    const SequenceNumberSet& gapList)
-{
+    Writer* pWriter, CacheChange* pChange, SequenceNumber_t& gapStart, const SequenceNumberSet& gapList) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*pChange);
     const GUID_t reader = proxyGuid();
 
     uint32_t uiMessageLen = 0;
-    if (m_pMessageProcessor->EncapsulateMessageHeader(uiMessageLen) == nullptr)
-    {
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
-                            "[DataMessageWithReaderProxy::Execute] EncapsulateMessageHeader Error and TopicName = %s",
-                            m_strTopicName.c_str());
+    if (m_pMessageProcessor->EncapsulateMessageHeader(uiMessageLen) == nullptr) {
+        DataSendHelper::Log(
+            m_uiDomainId, DDSLOG_INFO,
+            "[DataMessageWithReaderProxy::Execute] EncapsulateMessageHeader Error and TopicName = %s",
+            m_strTopicName.c_str());
         return SEND_HEADER_FAILED;
     }
-    if (m_pMessageProcessor->EncapsulateINFODSTMessage(uiMessageLen, reader.guidPrefix) == nullptr)
-    {
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
-                            "[DataMessageWithReaderProxy::Execute] EncapsulateINFODSTMessage Error and TopicName = %s",
-                            m_strTopicName.c_str());
+    if (m_pMessageProcessor->EncapsulateINFODSTMessage(uiMessageLen, reader.guidPrefix) == nullptr) {
+        DataSendHelper::Log(
+            m_uiDomainId, DDSLOG_INFO,
+            "[DataMessageWithReaderProxy::Execute] EncapsulateINFODSTMessage Error and TopicName = %s",
+            m_strTopicName.c_str());
         return SEND_INFODST_FAILED;
     }
-    if (m_pMessageProcessor->EncapsulateINFOTSMessage(uiMessageLen, sample.sourceTimestamp) ==
-        nullptr)
-    {
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
-                            "[DataMessageWithReaderProxy::Execute] EncapsulateINFOTSMessage Error and TopicName = %s",
-                            m_strTopicName.c_str());
+    if (m_pMessageProcessor->EncapsulateINFOTSMessage(uiMessageLen, sample.sourceTimestamp) == nullptr) {
+        DataSendHelper::Log(
+            m_uiDomainId, DDSLOG_INFO,
+            "[DataMessageWithReaderProxy::Execute] EncapsulateINFOTSMessage Error and TopicName = %s",
+            m_strTopicName.c_str());
         return SEND_INFOTS_FAILED;
     }
-    if (gapStart != SEQUENCENUMBER_ZERO)
-    {
+    if (gapStart != SEQUENCENUMBER_ZERO) {
         // A GAP travels only in front of a real sample. Its result is not looked at.
-        m_pMessageProcessor->EncapsulateGapMessage(uiMessageLen, m_EntityId, reader.entityId,
-                                                   gapStart, gapList);
+        m_pMessageProcessor->EncapsulateGapMessage(uiMessageLen, m_EntityId, reader.entityId, gapStart,
+                                                   gapList);
         gapStart = SEQUENCENUMBER_ZERO;
     }
     if (DataSendHelper::IsSingleData(sample.uiDataLength))
@@ -123,21 +108,19 @@ DataMessageWithReaderProxy::SendResult DataMessageWithReaderProxy::sendRequested
 }
 
 int DataMessageWithReaderProxy::sendDataMessage(uint32_t uiMessageLen, CacheChange* pChange,
-                                                Writer* pWriter)
-{
+                                                Writer* pWriter) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*pChange);
     const std::list<Locator_t> sources = DataSendHelper::SourcesOf(pWriter);
     const std::list<Locator_t> destinations = proxyUnicastLocators();
-    if (DataSendHelper::AppendData(m_pMessageProcessor, uiMessageLen, sample, pWriter) == nullptr)
-    {
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
-                            "[DataMessageWithReaderProxy::sendDataMessage] EncapsulateDATAMessage Error and TopicName = %s",
-                            m_strTopicName.c_str());
+    if (DataSendHelper::AppendData(m_pMessageProcessor, uiMessageLen, sample, pWriter) == nullptr) {
+        DataSendHelper::Log(
+            m_uiDomainId, DDSLOG_INFO,
+            "[DataMessageWithReaderProxy::sendDataMessage] EncapsulateDATAMessage Error and TopicName = %s",
+            m_strTopicName.c_str());
         return 1;
     }
     m_pMessageProcessor->modifyDataReaderId(proxyGuid().entityId);
-    DataSendHelper::Send(m_pMessageProcessor, m_pMessageTransmitter, sources, destinations,
-                         uiMessageLen);
+    DataSendHelper::Send(m_pMessageProcessor, m_pMessageTransmitter, sources, destinations, uiMessageLen);
     if (DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName))
         DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
                             "[MessageTransmitterUDP::MessageSend] DataProxy [5] TopicName = %s SeqNum = %d",
@@ -146,28 +129,28 @@ int DataMessageWithReaderProxy::sendDataMessage(uint32_t uiMessageLen, CacheChan
 }
 
 int DataMessageWithReaderProxy::sendDataFragMessage(uint32_t uiMessageLen, CacheChange* pChange,
-                                                    Writer* pWriter)
-{
+                                                    Writer* pWriter) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*pChange);
     const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
     const std::list<Locator_t> sources = DataSendHelper::SourcesOf(pWriter);
     const std::list<Locator_t> destinations = proxyUnicastLocators();
     // The whole sample goes again; a selective repair is FragRepairRequest's job.
     const int iResult = DataSendHelper::SendFragments(
-        m_pMessageProcessor, m_pMessageTransmitter, uiMessageLen, sample, pWriter, sources,
-        destinations, [this, bTrace, &sample](uint32_t uiFragmentNum) {
+        m_pMessageProcessor, m_pMessageTransmitter, uiMessageLen, sample, pWriter, sources, destinations,
+        [this, bTrace, &sample](uint32_t uiFragmentNum) {
             if (bTrace)
-                DataSendHelper::Log(
-                    m_uiDomainId, DDSLOG_WRITE,
-                    "[MessageTransmitterUDP::MessageSend] DataFragProxy [5] TopicName = %s SeqNum = %d FragNum = %d",
-                    m_strTopicName.c_str(), int(sample.sequenceNumber.low), int(uiFragmentNum));
+                DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
+                                    "[MessageTransmitterUDP::MessageSend] DataFragProxy [5] TopicName = %s "
+                                    "SeqNum = %d FragNum = %d",
+                                    m_strTopicName.c_str(), int(sample.sequenceNumber.low),
+                                    int(uiFragmentNum));
             SystemClock::SleepMs(FRAGMENT_PAUSE_MS);
         });
-    if (iResult != 0)
-    {
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
-                            "[DataMessageWithReaderProxy::Execute] EncapsulateDATAFragMessage Error and TopicName = %s",
-                            m_strTopicName.c_str());
+    if (iResult != 0) {
+        DataSendHelper::Log(
+            m_uiDomainId, DDSLOG_INFO,
+            "[DataMessageWithReaderProxy::Execute] EncapsulateDATAFragMessage Error and TopicName = %s",
+            m_strTopicName.c_str());
         return 1;
     }
     if (bTrace)

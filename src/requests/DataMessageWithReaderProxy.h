@@ -14,22 +14,19 @@ class CacheChange;
 class ReaderProxy;
 class Writer;
 
-class DataMessageWithReaderProxy : public Request
-{
+class DataMessageWithReaderProxy : public Request {
 public:
     // pReaderProxy belongs to the writer: not owned.
     DataMessageWithReaderProxy(const EntityId_t& entityId, ReaderProxy* pReaderProxy,
-                               MessageProcessor* pMessageProcessor,
-                               MessageTransmitter* pMessageTransmitter, const Time_t& startTime,
-                               const Time_t& nextTime);
+                               MessageProcessor* pMessageProcessor, MessageTransmitter* pMessageTransmitter,
+                               const Time_t& startTime, const Time_t& nextTime);
     ~DataMessageWithReaderProxy() override;
 
     // 0, or 1 when the writer has gone.
     uint32_t Execute() override;
 
 private:
-    enum SendResult
-    {
+    enum SendResult {
         SEND_DONE = 0,
         SEND_HEADER_FAILED = 1,   // caller: returnChange, returnEndpoint, unlockMessage, return 0
         SEND_INFODST_FAILED = 2,  // the same
@@ -39,8 +36,8 @@ private:
     // One requested change to this reader: header, INFO_DST, INFO_TS, the
     // pending GAP (gapStart is then reset to 0), DATA or the DATA_FRAG series.
     // Logs its own failure texts.
-    SendResult sendRequestedChange(Writer* pWriter, CacheChange* pChange,
-                                   SequenceNumber_t& gapStart, const SequenceNumberSet& gapList);
+    SendResult sendRequestedChange(Writer* pWriter, CacheChange* pChange, SequenceNumber_t& gapStart,
+                                   const SequenceNumberSet& gapList);
     int sendDataMessage(uint32_t uiMessageLen, CacheChange* pChange, Writer* pWriter);
     int sendDataFragMessage(uint32_t uiMessageLen, CacheChange* pChange, Writer* pWriter);
 

@@ -12,8 +12,7 @@
 #include "rtps/Participant.h"  // layer-ok: requests borrow their writer through the participant's endpoint map
 #include "rtps/Writer.h"       // layer-ok: the borrowed writer supplies its source locators
 
-DataSendHelper::Sample DataSendHelper::SampleOf(const CacheChange& change)
-{
+DataSendHelper::Sample DataSendHelper::SampleOf(const CacheChange& change) {
     Sample sample;
     sample.pData = change.data;
     sample.uiDataLength = change.dataLength;
@@ -23,105 +22,81 @@ DataSendHelper::Sample DataSendHelper::SampleOf(const CacheChange& change)
     return sample;
 }
 
-void DataSendHelper::DeleteChange(CacheChange*& pChange)
-{
-    if (pChange == nullptr)
-        return;
+void DataSendHelper::DeleteChange(CacheChange*& pChange) {
+    if (pChange == nullptr) return;
     CacheChange::FreeData(pChange->data);
     pChange->data = nullptr;
     delete pChange;
     pChange = nullptr;
 }
 
-uint32_t DataSendHelper::FragmentCount(uint32_t uiDataLength)
-{
-    if (uiDataLength == 0)
-        return 0;
+uint32_t DataSendHelper::FragmentCount(uint32_t uiDataLength) {
+    if (uiDataLength == 0) return 0;
     return (uiDataLength - 1) / FRAGMENT_SIZE + 1;
 }
 
-uint32_t DataSendHelper::FragmentLength(uint32_t uiDataLength, uint32_t uiIndex)
-{
+uint32_t DataSendHelper::FragmentLength(uint32_t uiDataLength, uint32_t uiIndex) {
     const uint32_t uiCount = FragmentCount(uiDataLength);
-    if (uiIndex >= uiCount)
-        return 0;
+    if (uiIndex >= uiCount) return 0;
     // The last fragment takes the remainder, so a sample that is an exact
     // multiple of the fragment size ends with an empty fragment and its last
     // stretch never leaves. Receivers of this system expect exactly that.
-    if (uiIndex == uiCount - 1)
-        return uiDataLength % FRAGMENT_SIZE;
+    if (uiIndex == uiCount - 1) return uiDataLength % FRAGMENT_SIZE;
     return FRAGMENT_SIZE;
 }
 
-bool DataSendHelper::WriterExists(MessageProcessor* pProcessor, const EntityId_t& writerId)
-{
+bool DataSendHelper::WriterExists(MessageProcessor* pProcessor, const EntityId_t& writerId) {
     Participant* pParticipant = pProcessor != nullptr ? pProcessor->getOwner() : nullptr;
     return pParticipant != nullptr && pParticipant->isEndpointExist(writerId);
 }
 
-Writer* DataSendHelper::BorrowWriter(MessageProcessor* pProcessor, const EntityId_t& writerId)
-{
+Writer* DataSendHelper::BorrowWriter(MessageProcessor* pProcessor, const EntityId_t& writerId) {
     Participant* pParticipant = pProcessor != nullptr ? pProcessor->getOwner() : nullptr;
-    if (pParticipant == nullptr)
-        return nullptr;
+    if (pParticipant == nullptr) return nullptr;
     // takeEndpoint waits for another holder itself; a null answer for an id
     // that still exists is asked again, one for an id that has gone ends it.
-    for (;;)
-    {
+    for (;;) {
         Endpoint* pEndpoint = pParticipant->takeEndpoint(writerId);
-        if (pEndpoint != nullptr)
-        {
+        if (pEndpoint != nullptr) {
             Writer* pWriter = dynamic_cast<Writer*>(pEndpoint);
-            if (pWriter == nullptr)
-                pParticipant->returnEndpoint(pEndpoint);
+            if (pWriter == nullptr) pParticipant->returnEndpoint(pEndpoint);
             return pWriter;
         }
-        if (!pParticipant->isEndpointExist(writerId))
-            return nullptr;
+        if (!pParticipant->isEndpointExist(writerId)) return nullptr;
         std::this_thread::yield();
     }
 }
 
-void DataSendHelper::ReturnWriter(MessageProcessor* pProcessor, Writer* pWriter)
-{
+void DataSendHelper::ReturnWriter(MessageProcessor* pProcessor, Writer* pWriter) {
     Participant* pParticipant = pProcessor != nullptr ? pProcessor->getOwner() : nullptr;
-    if (pParticipant != nullptr && pWriter != nullptr)
-        pParticipant->returnEndpoint(pWriter);
+    if (pParticipant != nullptr && pWriter != nullptr) pParticipant->returnEndpoint(pWriter);
 }
 
-std::list<Locator_t> DataSendHelper::SourcesOf(const Writer* pWriter)
-{
+std::list<Locator_t> DataSendHelper::SourcesOf(const Writer* pWriter) {
     return pWriter != nullptr ? pWriter->getUnicastLocatorList() : std::list<Locator_t>();
 }
 
-DataSendHelper::FrontResult DataSendHelper::ComposeFront(MessageProcessor* pProcessor,
-                                                         uint32_t& uiMessageLen,
-                                                         const Sample& sample)
-{
+DataSendHelper::FrontResult DataSendHelper::ComposeFront(MessageProcessor* pProcessor, uint32_t& uiMessageLen,
+                                                         const Sample& sample) {
     uiMessageLen = 0;
-    if (pProcessor->EncapsulateMessageHeader(uiMessageLen) == nullptr)
-        return FRONT_HEADER_FAILED;
+    if (pProcessor->EncapsulateMessageHeader(uiMessageLen) == nullptr) return FRONT_HEADER_FAILED;
     if (pProcessor->EncapsulateINFOTSMessage(uiMessageLen, sample.sourceTimestamp) == nullptr)
         return FRONT_INFOTS_FAILED;
     return FRONT_OK;
 }
 
-octet* DataSendHelper::AppendData(MessageProcessor* pProcessor, uint32_t& uiMessageLen,
-                                  const Sample& sample, Writer* pWriter)
-{
+octet* DataSendHelper::AppendData(MessageProcessor* pProcessor, uint32_t& uiMessageLen, const Sample& sample,
+                                  Writer* pWriter) {
     return pProcessor->EncapsulateDATAMessage(uiMessageLen, sample.pData, sample.uiDataLength,
-                                              sample.sequenceNumber, *sample.pInlineQos,
-                                              pWriter);
+                                              sample.sequenceNumber, *sample.pInlineQos, pWriter);
 }
 
 void DataSendHelper::Send(MessageProcessor* pProcessor, MessageTransmitter* pTransmitter,
-                          const std::list<Locator_t>& sources,
-                          const std::list<Locator_t>& destinations, uint32_t uiMessageLen)
-{
+                          const std::list<Locator_t>& sources, const std::list<Locator_t>& destinations,
+                          uint32_t uiMessageLen) {
     // The buffer may have moved while growing: take it only now.
     const octet* pMessage = pProcessor->getEncapsulateMessage();
-    if (pTransmitter == nullptr || pMessage == nullptr)
-        return;
+    if (pTransmitter == nullptr || pMessage == nullptr) return;
     pTransmitter->MessageSend(sources, destinations, pMessage, uiMessageLen);
 }
 
@@ -129,37 +104,31 @@ int DataSendHelper::SendFragments(MessageProcessor* pProcessor, MessageTransmitt
                                   uint32_t uiFrontLen, const Sample& sample, Writer* pWriter,
                                   const std::list<Locator_t>& sources,
                                   const std::list<Locator_t>& destinations,
-                                  const std::function<void(uint32_t)>& afterSend)
-{
+                                  const std::function<void(uint32_t)>& afterSend) {
     const uint32_t uiCount = FragmentCount(sample.uiDataLength);
-    for (uint32_t i = 0; i < uiCount; ++i)
-    {
+    for (uint32_t i = 0; i < uiCount; ++i) {
         // The front stays; each DATA_FRAG overwrites the one before it.
         uint32_t uiMessageLen = uiFrontLen;
         const uint32_t uiLength = FragmentLength(sample.uiDataLength, i);
         // Every fragment lies inside the payload: the start of the last one is
         // at most its end, with a length of 0 there.
-        const octet* pFragment =
-            sample.pData != nullptr ? sample.pData + size_t(i) * FRAGMENT_SIZE : nullptr;
+        const octet* pFragment = sample.pData != nullptr ? sample.pData + size_t(i) * FRAGMENT_SIZE : nullptr;
         if (pProcessor->EncapsulateDATAFragMessage(uiMessageLen, pFragment, uiLength, i + 1,
                                                    sample.uiDataLength, sample.sequenceNumber,
                                                    *sample.pInlineQos, pWriter) == nullptr)
             return 1;
         Send(pProcessor, pTransmitter, sources, destinations, uiMessageLen);
-        if (afterSend)
-            afterSend(i + 1);
+        if (afterSend) afterSend(i + 1);
     }
     return 0;
 }
 
-bool DataSendHelper::QueryTraceOn(uint32_t uiLogKey, const std::string& strTopicName)
-{
+bool DataSendHelper::QueryTraceOn(uint32_t uiLogKey, const std::string& strTopicName) {
     DDSLogManagementFactory* pFactory = DDSLogManagementFactory::GetInstance();
     return pFactory != nullptr && pFactory->IsQueryTopic(int(uiLogKey), strTopicName);
 }
 
-void DataSendHelper::Log(uint32_t uiLogKey, int iCode, const char* szFormat, ...)
-{
+void DataSendHelper::Log(uint32_t uiLogKey, int iCode, const char* szFormat, ...) {
     char szLog[200];
     va_list args;
     va_start(args, szFormat);

@@ -17,12 +17,10 @@ class MessageProcessor;
 class MessageTransmitter;
 class Writer;
 
-class DataSendHelper
-{
+class DataSendHelper {
 public:
     // What leaves the host of one change, read from it once.
-    struct Sample
-    {
+    struct Sample {
         const octet* pData;
         uint32_t uiDataLength;
         SequenceNumber_t sequenceNumber;
@@ -30,12 +28,7 @@ public:
         const std::list<Parameter>* pInlineQos;  // never null
     };
 
-    enum FrontResult
-    {
-        FRONT_OK = 0,
-        FRONT_HEADER_FAILED = 1,
-        FRONT_INFOTS_FAILED = 2
-    };
+    enum FrontResult { FRONT_OK = 0, FRONT_HEADER_FAILED = 1, FRONT_INFOTS_FAILED = 2 };
 
     static Sample SampleOf(const CacheChange& change);
     // Frees the payload, then the record; nulls the pointer. Null is ignored.
@@ -61,8 +54,8 @@ public:
     static FrontResult ComposeFront(MessageProcessor* pProcessor, uint32_t& uiMessageLen,
                                     const Sample& sample);
     // Appends the whole sample as one DATA; the buffer, or null on failure.
-    static octet* AppendData(MessageProcessor* pProcessor, uint32_t& uiMessageLen,
-                             const Sample& sample, Writer* pWriter);
+    static octet* AppendData(MessageProcessor* pProcessor, uint32_t& uiMessageLen, const Sample& sample,
+                             Writer* pWriter);
     // One MessageSend of the buffer as it stands, from every source to every destination.
     static void Send(MessageProcessor* pProcessor, MessageTransmitter* pTransmitter,
                      const std::list<Locator_t>& sources, const std::list<Locator_t>& destinations,
@@ -72,8 +65,7 @@ public:
     // message has gone. 0, or 1 when the encoder failed (the series stops there).
     static int SendFragments(MessageProcessor* pProcessor, MessageTransmitter* pTransmitter,
                              uint32_t uiFrontLen, const Sample& sample, Writer* pWriter,
-                             const std::list<Locator_t>& sources,
-                             const std::list<Locator_t>& destinations,
+                             const std::list<Locator_t>& sources, const std::list<Locator_t>& destinations,
                              const std::function<void(uint32_t)>& afterSend);
 
     // The domain's query topic test that guards the numbered send traces.

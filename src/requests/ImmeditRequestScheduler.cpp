@@ -6,37 +6,29 @@
 #include "core/SystemClock.h"
 #include "requests/Request.h"
 
-namespace
-{
+namespace {
 // Longest wait of one pass: the send loop sees a cleared run flag within it.
 const unsigned int SEND_WAKE_TIMEOUT_MS = 1000;
-} // namespace
+}  // namespace
 
 ImmeditRequestScheduler::ImmeditRequestScheduler(MessageProcessor* pMessageProcessor,
                                                  MessageTransmitter* pMessageTransmitter)
-    : RequestScheduler(pMessageProcessor, pMessageTransmitter), m_bAddPosted(true)
-{
-}
+    : RequestScheduler(pMessageProcessor, pMessageTransmitter), m_bAddPosted(true) {}
 
 ImmeditRequestScheduler::~ImmeditRequestScheduler() {}
 
-int ImmeditRequestScheduler::RequestAdd(Request* pRequest)
-{
-    if (pRequest == nullptr)
-        return 1;
+int ImmeditRequestScheduler::RequestAdd(Request* pRequest) {
+    if (pRequest == nullptr) return 1;
 
     m_Lock.Lock();
     std::list<Request*>::iterator it = m_RequestList.begin();
-    for (; it != m_RequestList.end(); ++it)
-    {
+    for (; it != m_RequestList.end(); ++it) {
         Request* pCurrent = *it;
-        if (pRequest->isHeartbeat() && pCurrent->isHeartbeat())
-        {
+        if (pRequest->isHeartbeat() && pCurrent->isHeartbeat()) {
             // A burst of writes must not fill the queue with equal heartbeats:
             // the one already waiting absorbs the new one. Heartbeats of other
             // endpoints are passed without comparing priorities.
-            if (pRequest->getEntityId() == pCurrent->getEntityId())
-            {
+            if (pRequest->getEntityId() == pCurrent->getEntityId()) {
                 pCurrent->setNextTime(pRequest->getNextTime());
                 delete pRequest;
                 pRequest = nullptr;
@@ -44,14 +36,12 @@ int ImmeditRequestScheduler::RequestAdd(Request* pRequest)
             }
             continue;
         }
-        if (pRequest->getPriority() > pCurrent->getPriority())
-            break;
+        if (pRequest->getPriority() > pCurrent->getPriority()) break;
         if (pRequest->getPriority() == pCurrent->getPriority() &&
             pRequest->getNextTime() < pCurrent->getNextTime())
             break;
     }
-    if (pRequest != nullptr)
-        m_RequestList.insert(it, pRequest);
+    if (pRequest != nullptr) m_RequestList.insert(it, pRequest);
     m_bAddPosted = true;
     m_Lock.Unlock();
 
@@ -60,13 +50,10 @@ int ImmeditRequestScheduler::RequestAdd(Request* pRequest)
     return 0;
 }
 
-int ImmeditRequestScheduler::RequestRemove(Request* pRequest)
-{
+int ImmeditRequestScheduler::RequestRemove(Request* pRequest) {
     m_Lock.Lock();
-    for (std::list<Request*>::iterator it = m_RequestList.begin(); it != m_RequestList.end(); ++it)
-    {
-        if (*it == pRequest)
-        {
+    for (std::list<Request*>::iterator it = m_RequestList.begin(); it != m_RequestList.end(); ++it) {
+        if (*it == pRequest) {
             m_RequestList.erase(it);
             delete pRequest;
             m_Lock.Unlock();
@@ -78,12 +65,10 @@ int ImmeditRequestScheduler::RequestRemove(Request* pRequest)
     return DELETEREQUEST_NOT_EXIST;
 }
 
-int ImmeditRequestScheduler::ExcuteRequest()
-{
+int ImmeditRequestScheduler::ExcuteRequest() {
     // The time-out path does not look at the list: a request that is not yet
     // due is looked at again only after the next RequestAdd.
-    if (m_WakeSemaphore.Wait(SEND_WAKE_TIMEOUT_MS) != 0)
-        return 0;
+    if (m_WakeSemaphore.Wait(SEND_WAKE_TIMEOUT_MS) != 0) return 0;
 
     const Time_t now = CurrentTime();
     std::list<Request*> ExcuteRequestList;
@@ -91,15 +76,13 @@ int ImmeditRequestScheduler::ExcuteRequest()
     m_Lock.Lock();
     const bool bAddPosted = m_bAddPosted;
     m_bAddPosted = false;
-    if (!bAddPosted && m_RunFlag.load() == 0)
-    {
+    if (!bAddPosted && m_RunFlag.load() == 0) {
         // Only RequestStop's wake: behave as the time-out that it cut short.
         m_Lock.Unlock();
         return 0;
     }
     std::list<Request*>::iterator it = m_RequestList.begin();
-    while (it != m_RequestList.end())
-    {
+    while (it != m_RequestList.end()) {
         std::list<Request*>::iterator itCurrent = it++;
         Request* currentExecRequest = *itCurrent;
         if (currentExecRequest->getNextTime() < now)
@@ -108,36 +91,31 @@ int ImmeditRequestScheduler::ExcuteRequest()
     m_Lock.Unlock();
 
     // Once each, whatever the result: repair is the reliable protocol's job.
-    for (Request* pRequest : ExcuteRequestList)
-    {
+    for (Request* pRequest : ExcuteRequestList) {
         pRequest->Execute();
         delete pRequest;
     }
     return 0;
 }
 
-void ImmeditRequestScheduler::RequestStop()
-{
+void ImmeditRequestScheduler::RequestStop() {
     m_RunFlag.store(0);
     // Wakes the loop so a stop takes milliseconds, not a second. On a full
     // semaphore the post is refused: a wake is already on its way.
     m_WakeSemaphore.Post();
 }
 
-unsigned int ImmeditRequestScheduler::SendRun(void* pArgument)
-{
+unsigned int ImmeditRequestScheduler::SendRun(void* pArgument) {
     ImmeditRequestScheduler* pScheduler = static_cast<ImmeditRequestScheduler*>(pArgument);
 
-    while (pScheduler->m_RunFlag.load() != 0)
-    {
+    while (pScheduler->m_RunFlag.load() != 0) {
         pScheduler->ExcuteRequest();
         SystemClock::SleepMs(0);
     }
 
     // The stop line goes to every log class that a reader of the files may watch.
     const int aiCodes[] = {DDSLOG_RECV, DDSLOG_WRITE, DDSLOG_ERROR, DDSLOG_INFO};
-    for (int iCode : aiCodes)
-        pScheduler->Log("Stop Send Thread Sucess", iCode);
+    for (int iCode : aiCodes) pScheduler->Log("Stop Send Thread Sucess", iCode);
     printf("Stop Send Thread .. \n");
     fflush(stdout);
     SystemClock::SleepMs(1);

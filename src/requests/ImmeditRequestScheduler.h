@@ -5,11 +5,9 @@
 
 #include "requests/RequestScheduler.h"
 
-class ImmeditRequestScheduler : public RequestScheduler
-{
+class ImmeditRequestScheduler : public RequestScheduler {
 public:
-    ImmeditRequestScheduler(MessageProcessor* pMessageProcessor,
-                            MessageTransmitter* pMessageTransmitter);
+    ImmeditRequestScheduler(MessageProcessor* pMessageProcessor, MessageTransmitter* pMessageTransmitter);
     ~ImmeditRequestScheduler() override;
 
     // Queues the request, highest priority first and within a priority by next

@@ -8,13 +8,10 @@
 // A timer that knows what it runs: the callback gets it as its argument, so a
 // finished request can be removed from the scheduler that holds it without any
 // back pointer in the request itself.
-class PeriodRequestScheduler::RequestTimer : public MorvoTimer
-{
+class PeriodRequestScheduler::RequestTimer : public MorvoTimer {
 public:
     RequestTimer(PeriodRequestScheduler* pScheduler, Request* pRequest)
-        : m_pScheduler(pScheduler), m_pRequest(pRequest)
-    {
-    }
+        : m_pScheduler(pScheduler), m_pRequest(pRequest) {}
 
     PeriodRequestScheduler* const m_pScheduler;
     Request* const m_pRequest;
@@ -22,30 +19,23 @@ public:
 
 PeriodRequestScheduler::PeriodRequestScheduler(MessageProcessor* pMessageProcessor,
                                                MessageTransmitter* pMessageTransmitter)
-    : RequestScheduler(pMessageProcessor, pMessageTransmitter), m_TimerMap()
-{
-}
+    : RequestScheduler(pMessageProcessor, pMessageTransmitter), m_TimerMap() {}
 
-PeriodRequestScheduler::~PeriodRequestScheduler()
-{
+PeriodRequestScheduler::~PeriodRequestScheduler() {
     // Take the map out first: a callback in flight may be removing itself and
     // needs m_Lock, while deleting its timer below waits for that callback.
     std::map<Request*, MorvoTimer*> timers;
     m_Lock.Lock();
     timers.swap(m_TimerMap);
     m_Lock.Unlock();
-    for (auto& entry : timers)
-        delete entry.second;
+    for (auto& entry : timers) delete entry.second;
 }
 
-int PeriodRequestScheduler::RequestAdd(Request* pRequest)
-{
-    if (pRequest == nullptr)
-        return 1;
+int PeriodRequestScheduler::RequestAdd(Request* pRequest) {
+    if (pRequest == nullptr) return 1;
 
     RequestTimer* pTimer = new (std::nothrow) RequestTimer(this, pRequest);
-    if (pTimer == nullptr)
-        return 1;
+    if (pTimer == nullptr) return 1;
 
     // Started under the lock so that no removal can see the entry before its
     // timer runs; Start never waits for a callback, and the first one comes
@@ -53,30 +43,26 @@ int PeriodRequestScheduler::RequestAdd(Request* pRequest)
     int iResult = 1;
     m_Lock.Lock();
     if (m_TimerMap.count(pRequest) == 0 &&
-        pTimer->Start(0, REQUEST_PERIOD_MS, PeriodTimerCallback, pTimer) == 0)
-    {
+        pTimer->Start(0, REQUEST_PERIOD_MS, PeriodTimerCallback, pTimer) == 0) {
         m_TimerMap[pRequest] = pTimer;
         pTimer = nullptr;
         iResult = 0;
     }
     m_Lock.Unlock();
 
-    delete pTimer; // only when refused: never started
+    delete pTimer;  // only when refused: never started
     return iResult;
 }
 
-int PeriodRequestScheduler::RequestRemove(Request* pRequest)
-{
+int PeriodRequestScheduler::RequestRemove(Request* pRequest) {
     return RemoveTimer(pRequest, nullptr);
 }
 
-int PeriodRequestScheduler::RemoveTimer(Request* pRequest, MorvoTimer* pExpected)
-{
+int PeriodRequestScheduler::RemoveTimer(Request* pRequest, MorvoTimer* pExpected) {
     MorvoTimer* pTimer = nullptr;
     m_Lock.Lock();
     std::map<Request*, MorvoTimer*>::iterator it = m_TimerMap.find(pRequest);
-    if (it != m_TimerMap.end() && (pExpected == nullptr || it->second == pExpected))
-    {
+    if (it != m_TimerMap.end() && (pExpected == nullptr || it->second == pExpected)) {
         pTimer = it->second;
         m_TimerMap.erase(it);
     }
@@ -92,8 +78,7 @@ int PeriodRequestScheduler::RemoveTimer(Request* pRequest, MorvoTimer* pExpected
     return 0;
 }
 
-void PeriodRequestScheduler::PeriodTimerCallback(void* pArgument, unsigned char flag)
-{
+void PeriodRequestScheduler::PeriodTimerCallback(void* pArgument, unsigned char flag) {
     (void)flag;
     RequestTimer* pTimer = static_cast<RequestTimer*>(pArgument);
     PeriodRequestScheduler* pScheduler = pTimer->m_pScheduler;
@@ -101,12 +86,10 @@ void PeriodRequestScheduler::PeriodTimerCallback(void* pArgument, unsigned char 
 
     // A time equal to now passes here, unlike on the send thread: the writer
     // pushes its periodic heartbeat's next time ahead to suppress ticks.
-    if (pRequest->getNextTime() > CurrentTime())
-        return;
+    if (pRequest->getNextTime() > CurrentTime()) return;
 
     const uint32_t uiResult = pRequest->Execute();
-    if (uiResult == REQUEST_EXECUTE_FINISHED)
-    {
+    if (uiResult == REQUEST_EXECUTE_FINISHED) {
         // Only this entry: if another thread removed the request meanwhile,
         // it is already waiting for this callback and owns the timer.
         pScheduler->RemoveTimer(pRequest, pTimer);
@@ -114,8 +97,7 @@ void PeriodRequestScheduler::PeriodTimerCallback(void* pArgument, unsigned char 
     }
 }
 
-size_t PeriodRequestScheduler::GetTimerCount()
-{
+size_t PeriodRequestScheduler::GetTimerCount() {
     m_Lock.Lock();
     const size_t uiCount = m_TimerMap.size();
     m_Lock.Unlock();

@@ -11,15 +11,13 @@
 
 class MorvoTimer;
 
-class PeriodRequestScheduler : public RequestScheduler
-{
+class PeriodRequestScheduler : public RequestScheduler {
 public:
     // Period of every request, whatever the QoS; the timer adds its own
     // first delay of 2000 ms.
     static const unsigned int REQUEST_PERIOD_MS = 1000;
 
-    PeriodRequestScheduler(MessageProcessor* pMessageProcessor,
-                           MessageTransmitter* pMessageTransmitter);
+    PeriodRequestScheduler(MessageProcessor* pMessageProcessor, MessageTransmitter* pMessageTransmitter);
     // Stops and deletes the timers still running; the requests stay their
     // creators'.
     ~PeriodRequestScheduler() override;

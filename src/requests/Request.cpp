@@ -7,9 +7,8 @@ const char* const REQUEST_TYPE_DATA_READER_PROXY = "DataMessageWithReaderProxy";
 const char* const REQUEST_TYPE_FRAG_REPAIR = "FragRepair";
 const char* const REQUEST_TYPE_ACKNACK = "Acknack";
 
-Request::Request(const char* szTypeName, const EntityId_t& entityId,
-                 MessageProcessor* pMessageProcessor, MessageTransmitter* pMessageTransmitter,
-                 const Time_t& startTime, const Time_t& nextTime)
+Request::Request(const char* szTypeName, const EntityId_t& entityId, MessageProcessor* pMessageProcessor,
+                 MessageTransmitter* pMessageTransmitter, const Time_t& startTime, const Time_t& nextTime)
     : m_StartTime(startTime),
       m_NextTime(nextTime),
       m_strTypeName(szTypeName != nullptr ? szTypeName : ""),
@@ -19,39 +18,32 @@ Request::Request(const char* szTypeName, const EntityId_t& entityId,
       m_EntityId(entityId),
       m_pMessageProcessor(pMessageProcessor),
       m_pMessageTransmitter(pMessageTransmitter),
-      m_uiDomainId(0)
-{
-}
+      m_uiDomainId(0) {}
 
 Request::~Request() {}
 
-int Request::setTopicName(uint32_t uiDomainId, const std::string& strTopicName)
-{
+int Request::setTopicName(uint32_t uiDomainId, const std::string& strTopicName) {
     m_uiDomainId = uiDomainId;
     m_strTopicName = strTopicName;
     return 0;
 }
 
-Time_t Request::getStartTime() const
-{
+Time_t Request::getStartTime() const {
     std::lock_guard<std::mutex> lock(m_TimeMutex);
     return m_StartTime;
 }
 
-void Request::setStartTime(const Time_t& startTime)
-{
+void Request::setStartTime(const Time_t& startTime) {
     std::lock_guard<std::mutex> lock(m_TimeMutex);
     m_StartTime = startTime;
 }
 
-Time_t Request::getNextTime() const
-{
+Time_t Request::getNextTime() const {
     std::lock_guard<std::mutex> lock(m_TimeMutex);
     return m_NextTime;
 }
 
-void Request::setNextTime(const Time_t& nextTime)
-{
+void Request::setNextTime(const Time_t& nextTime) {
     std::lock_guard<std::mutex> lock(m_TimeMutex);
     m_NextTime = nextTime;
 }

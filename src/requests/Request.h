@@ -29,8 +29,7 @@ extern const char* const REQUEST_TYPE_DATA_READER_PROXY;
 extern const char* const REQUEST_TYPE_FRAG_REPAIR;
 extern const char* const REQUEST_TYPE_ACKNACK;
 
-class Request
-{
+class Request {
 public:
     virtual ~Request();
 
@@ -41,8 +40,7 @@ public:
     // Topic name and log key (low 16 bits: domain id) for the request's log
     // lines. Returns 0. Both argument orders are accepted.
     int setTopicName(uint32_t uiDomainId, const std::string& strTopicName);
-    int setTopicName(const std::string& strTopicName, uint32_t uiDomainId)
-    {
+    int setTopicName(const std::string& strTopicName, uint32_t uiDomainId) {
         return setTopicName(uiDomainId, strTopicName);
     }
 
@@ -70,8 +68,8 @@ protected:
     Request(const char* szTypeName, const EntityId_t& entityId, MessageProcessor* pMessageProcessor,
             MessageTransmitter* pMessageTransmitter, const Time_t& startTime, const Time_t& nextTime);
 
-    Time_t m_StartTime;                         // when the creator made it ready
-    Time_t m_NextTime;                          // not to be executed before this
+    Time_t m_StartTime;  // when the creator made it ready
+    Time_t m_NextTime;   // not to be executed before this
     std::string m_strTypeName;
     uint32_t m_uiPriority;                      // higher runs first
     uint32_t m_uiReserved;                      // always 0

@@ -13,22 +13,21 @@
 // NackFragMessageRequest:
 // FragRepairRequest:
 
-DataMessageRequest* RequestFactory::CreateDataMessageRequest(
-    RequestScheduler* pScheduler, const EntityId_t& entityId,
-    const std::list<ReaderProxy*>& readerProxies, CacheChange* pCacheChange)
-{
+DataMessageRequest* RequestFactory::CreateDataMessageRequest(RequestScheduler* pScheduler,
+                                                             const EntityId_t& entityId,
+                                                             const std::list<ReaderProxy*>& readerProxies,
+                                                             CacheChange* pCacheChange) {
     return CreateRequest<DataMessageRequest>(pScheduler, entityId, readerProxies, pCacheChange);
 }
 
 DataMessageRequest_L* RequestFactory::CreateDataMessageRequest_L(RequestScheduler* pScheduler,
                                                                  const EntityId_t& entityId,
-                                                                 CacheChange* pCacheChange)
-{
+                                                                 CacheChange* pCacheChange) {
     return CreateRequest<DataMessageRequest_L>(pScheduler, entityId, pCacheChange);
 }
 
-DataMessageWithReaderProxy* RequestFactory::CreateDataMessageWithReaderProxy(
-    RequestScheduler* pScheduler, const EntityId_t& entityId, ReaderProxy* pReaderProxy)
-{
+DataMessageWithReaderProxy* RequestFactory::CreateDataMessageWithReaderProxy(RequestScheduler* pScheduler,
+                                                                             const EntityId_t& entityId,
+                                                                             ReaderProxy* pReaderProxy) {
     return CreateRequest<DataMessageWithReaderProxy>(pScheduler, entityId, pReaderProxy);
 }

@@ -12,21 +12,16 @@
 #include "requests/DataMessageWithReaderProxy.h"
 #include "requests/RequestScheduler.h"
 
-class RequestFactory
-{
+class RequestFactory {
 public:
     // Allocates a T whose constructor has the request form (entity id, own
     // arguments..., processor, transmitter, start time, next time). Null when
     // the scheduler is null or memory runs out.
     template <class T, class... Args>
-    static T* CreateRequest(RequestScheduler* pScheduler, const EntityId_t& entityId,
-                            Args&&... args)
-    {
-        if (pScheduler == nullptr)
-            return nullptr;
-        return new (std::nothrow)
-            T(entityId, std::forward<Args>(args)..., pScheduler->GetMessageProcessor(),
-              pScheduler->GetMessageTransmitter(), Time_t(0, 0), Time_t(0, 0));
+    static T* CreateRequest(RequestScheduler* pScheduler, const EntityId_t& entityId, Args&&... args) {
+        if (pScheduler == nullptr) return nullptr;
+        return new (std::nothrow) T(entityId, std::forward<Args>(args)..., pScheduler->GetMessageProcessor(),
+                                    pScheduler->GetMessageTransmitter(), Time_t(0, 0), Time_t(0, 0));
     }
 
     // pCacheChange stays the writer's.
@@ -38,8 +33,9 @@ public:
     static DataMessageRequest_L* CreateDataMessageRequest_L(RequestScheduler* pScheduler,
                                                             const EntityId_t& entityId,
                                                             CacheChange* pCacheChange);
-    static DataMessageWithReaderProxy* CreateDataMessageWithReaderProxy(
-        RequestScheduler* pScheduler, const EntityId_t& entityId, ReaderProxy* pReaderProxy);
+    static DataMessageWithReaderProxy* CreateDataMessageWithReaderProxy(RequestScheduler* pScheduler,
+                                                                        const EntityId_t& entityId,
+                                                                        ReaderProxy* pReaderProxy);
 
     // One creating operation per request class, each a CreateRequest<Class>
     // with the class's own arguments; the classes add them here as they land

@@ -16,8 +16,7 @@ class MessageProcessor;
 class MessageTransmitter;
 class Request;
 
-class RequestScheduler
-{
+class RequestScheduler {
 public:
     RequestScheduler(MessageProcessor* pMessageProcessor, MessageTransmitter* pMessageTransmitter);
     // Deletes every request still queued, unexecuted. Owners stop the send

@@ -14,20 +14,15 @@ CacheChange::CacheChange()
       highestFragment(0),
       fragmentCount(0),
       relevant(1),
-      lifespan(DURATION_INFINITE)
-{
-}
+      lifespan(DURATION_INFINITE) {}
 
 CacheChange::~CacheChange() {}
 
-octet* CacheChange::AllocData(uint32_t uiLength)
-{
-    if (uiLength == 0)
-        return nullptr;
+octet* CacheChange::AllocData(uint32_t uiLength) {
+    if (uiLength == 0) return nullptr;
     return static_cast<octet*>(calloc(uiLength, 1));
 }
 
-void CacheChange::FreeData(octet* pData)
-{
+void CacheChange::FreeData(octet* pData) {
     free(pData);
 }

@@ -12,8 +12,7 @@
 // Change kind of every change this system makes.
 const uint16_t CHANGE_KIND_ALIVE = 1;
 
-class CacheChange
-{
+class CacheChange {
 public:
     // Zeroes the length, the payload pointer and the fragment counters; the
     // change starts relevant and with an infinite lifespan.
@@ -34,16 +33,16 @@ public:
 
     uint16_t kind;
     GUID_t writerGUID;
-    GUID_t targetReaderGUID;         // GUID_UNKNOWN: every matched reader
+    GUID_t targetReaderGUID;  // GUID_UNKNOWN: every matched reader
     InstanceHandle_t instanceHandle;
-    SequenceNumber_t sequenceNumber; // the key of the change in its cache
+    SequenceNumber_t sequenceNumber;  // the key of the change in its cache
     Time_t sourceTimestamp;
-    uint32_t dataLength;             // of a sample under reassembly: the announced size
+    uint32_t dataLength;  // of a sample under reassembly: the announced size
     octet* data;
     std::list<Parameter> inlineQos;
     uint32_t highestFragment;
     uint32_t fragmentCount;
     std::set<uint16_t> missingFragments;
     uint8_t relevant;
-    Time_t lifespan;                 // a duration: seconds and nanoseconds
+    Time_t lifespan;  // a duration: seconds and nanoseconds
 };

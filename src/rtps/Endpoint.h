@@ -9,8 +9,7 @@
 #include "BasicTypes.h"
 #include "rtps/RTPSEntity.h"
 
-class Endpoint : public RTPSEntity
-{
+class Endpoint : public RTPSEntity {
 public:
     Endpoint(const GUID_t& guidValue, uint32_t uiReliabilityLevel);
     ~Endpoint() override;
@@ -32,6 +31,6 @@ public:
 
 protected:
     uint32_t reliabilityLevel;
-    std::list<Locator_t> unicastLocatorList;   // the participant's default list, set after construction
-    std::list<Locator_t> multicastLocatorList; // stays empty
+    std::list<Locator_t> unicastLocatorList;    // the participant's default list, set after construction
+    std::list<Locator_t> multicastLocatorList;  // stays empty
 };

@@ -15,8 +15,7 @@
 class Mutex;
 class Semaphore;
 
-class HistoryCache
-{
+class HistoryCache {
 public:
     // Clock of the lifespan sweep; the RTPS timestamp clock unless replaced.
     typedef Time_t (*time_source)();
@@ -70,11 +69,11 @@ private:
     // Writes a formatted failure text under the info code.
     void WriteLog(char* szLog);
 
-    std::map<SequenceNumber_t, CacheChange*> m_ChangesMap; // null value: taken
+    std::map<SequenceNumber_t, CacheChange*> m_ChangesMap;  // null value: taken
     const uint32_t m_Capacity;
-    uint32_t m_ChangeCount;          // entries with a non-null value
+    uint32_t m_ChangeCount;  // entries with a non-null value
     Mutex* m_Mutex;
-    Semaphore* m_SpaceSemaphore;     // two-state; a token lets one add proceed
+    Semaphore* m_SpaceSemaphore;  // two-state; a token lets one add proceed
     uint32_t m_DomainId;
     std::string m_TopicName;
 

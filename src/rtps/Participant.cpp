@@ -22,17 +22,14 @@
 #include "rtps/StatelessWriter.h"
 #include "rtps/Writer.h"
 
-namespace
-{
-int DomainIdOf(const GUID_t& guidValue)
-{
+namespace {
+int DomainIdOf(const GUID_t& guidValue) {
     int iDomainId = 0;
     std::memcpy(&iDomainId, &guidValue.guidPrefix.value[4], sizeof(iDomainId));
     return iDomainId;
 }
 
-EntityId_t BigEndianId(uint32_t uiValue)
-{
+EntityId_t BigEndianId(uint32_t uiValue) {
     EntityId_t id;
     id.entityKey[0] = octet(uiValue >> 24);
     id.entityKey[1] = octet(uiValue >> 16);
@@ -40,12 +37,10 @@ EntityId_t BigEndianId(uint32_t uiValue)
     id.entityKind = octet(uiValue);
     return id;
 }
-} // namespace
+}  // namespace
 
 Participant::Participant(GUID_t guidValue, DomainParticipantImpl* pOwner)
-    : Participant(guidValue, pOwner, DomainIdOf(guidValue), nullptr, nullptr)
-{
-}
+    : Participant(guidValue, pOwner, DomainIdOf(guidValue), nullptr, nullptr) {}
 
 Participant::Participant(GUID_t guidValue, DomainParticipantImpl* pOwner, int iLogKey,
                          DomainParticipantQos* pQos, TransmitterFactory pCreateTransmitter)
@@ -72,52 +67,40 @@ Participant::Participant(GUID_t guidValue, DomainParticipantImpl* pOwner, int iL
       m_iLogKey(iLogKey),
       m_pParticipantQos(pQos),
       m_pDiscovery(nullptr),
-      m_bThreadStuck(false)
-{
+      m_bThreadStuck(false) {
     // No socket opens here: initLoaclNet does that.
     m_ReceiveBuffer = new (std::nothrow) ReceiveBuffer(RECEIVE_BUFFER_SIZE);
-    if (m_ReceiveBuffer != nullptr)
-        m_ReceiveBuffer->SetDomainId(uint32_t(iLogKey));
+    if (m_ReceiveBuffer != nullptr) m_ReceiveBuffer->SetDomainId(uint32_t(iLogKey));
     if (pCreateTransmitter != nullptr)
         m_MessageTransmitter = pCreateTransmitter(m_ReceiveBuffer, iLogKey);
     else
         m_MessageTransmitter = new (std::nothrow) MessageTransmitterUDP(m_ReceiveBuffer, iLogKey);
-    if (m_MessageTransmitter != nullptr)
-        m_MessageTransmitter->SetLogKey(iLogKey);
-    m_MessageProcessor =
-        new (std::nothrow) MessageProcessor(this, m_ReceiveBuffer, guid.guidPrefix, iLogKey);
+    if (m_MessageTransmitter != nullptr) m_MessageTransmitter->SetLogKey(iLogKey);
+    m_MessageProcessor = new (std::nothrow) MessageProcessor(this, m_ReceiveBuffer, guid.guidPrefix, iLogKey);
     m_ImmeditRequestScheduler =
         new (std::nothrow) ImmeditRequestScheduler(m_MessageProcessor, m_MessageTransmitter);
-    if (m_ImmeditRequestScheduler != nullptr)
-        m_ImmeditRequestScheduler->SetLogKey(iLogKey);
+    if (m_ImmeditRequestScheduler != nullptr) m_ImmeditRequestScheduler->SetLogKey(iLogKey);
     m_PeriodRequestScheduler =
         new (std::nothrow) PeriodRequestScheduler(m_MessageProcessor, m_MessageTransmitter);
-    if (m_PeriodRequestScheduler != nullptr)
-        m_PeriodRequestScheduler->SetLogKey(iLogKey);
+    if (m_PeriodRequestScheduler != nullptr) m_PeriodRequestScheduler->SetLogKey(iLogKey);
     m_EndpointMapMutex = new (std::nothrow) Mutex();
 }
 
-Participant::~Participant()
-{
+Participant::~Participant() {
     // A loop still running would outlive the objects it works on.
-    if (m_RecvThread != nullptr)
-        stopRecvThread();
-    if (m_DistThread != nullptr)
-        stopDistThread();
-    if (m_SendThread != nullptr)
-        stopSendThread();
+    if (m_RecvThread != nullptr) stopRecvThread();
+    if (m_DistThread != nullptr) stopDistThread();
+    if (m_SendThread != nullptr) stopSendThread();
 
     m_EndpointMapMutex->Lock();
-    for (auto it = m_EndpointMap.begin(); it != m_EndpointMap.end();)
-    {
+    for (auto it = m_EndpointMap.begin(); it != m_EndpointMap.end();) {
         delete it->second;
         it = m_EndpointMap.erase(it);
     }
     m_EndpointMap.clear();
     m_EndpointMapMutex->Unlock();
 
-    if (m_bThreadStuck)
-    {
+    if (m_bThreadStuck) {
         // A loop that never ended still uses the machinery: leaking it is the lesser harm.
         LogText("[Participant::~Participant] thread did not stop, machinery kept");
         delete m_EndpointMapMutex;
@@ -131,75 +114,60 @@ Participant::~Participant()
     delete m_EndpointMapMutex;
 }
 
-void Participant::setLogKey(int iLogKey)
-{
+void Participant::setLogKey(int iLogKey) {
     m_iLogKey = iLogKey;
-    if (m_ReceiveBuffer != nullptr)
-        m_ReceiveBuffer->SetDomainId(uint32_t(iLogKey));
-    if (m_MessageTransmitter != nullptr)
-        m_MessageTransmitter->SetLogKey(iLogKey);
-    if (m_ImmeditRequestScheduler != nullptr)
-        m_ImmeditRequestScheduler->SetLogKey(iLogKey);
-    if (m_PeriodRequestScheduler != nullptr)
-        m_PeriodRequestScheduler->SetLogKey(iLogKey);
+    if (m_ReceiveBuffer != nullptr) m_ReceiveBuffer->SetDomainId(uint32_t(iLogKey));
+    if (m_MessageTransmitter != nullptr) m_MessageTransmitter->SetLogKey(iLogKey);
+    if (m_ImmeditRequestScheduler != nullptr) m_ImmeditRequestScheduler->SetLogKey(iLogKey);
+    if (m_PeriodRequestScheduler != nullptr) m_PeriodRequestScheduler->SetLogKey(iLogKey);
 }
 
-int Participant::getDomainId() const
-{
+int Participant::getDomainId() const {
     return DomainIdOf(guid);
 }
 
-uint32_t Participant::getParticipantId() const
-{
+uint32_t Participant::getParticipantId() const {
     uint32_t uiParticipantId = 0;
     std::memcpy(&uiParticipantId, &guid.guidPrefix.value[8], sizeof(uiParticipantId));
     return uiParticipantId;
 }
 
 // The port formulas are fixed: no base, gain or offset is configurable.
-uint32_t Participant::getDiscoveryMulticastPort() const
-{
+uint32_t Participant::getDiscoveryMulticastPort() const {
     return 7400u + 250u * uint32_t(getDomainId());
 }
 
-uint32_t Participant::getDiscoveryUnicastPort() const
-{
+uint32_t Participant::getDiscoveryUnicastPort() const {
     return 7410u + 250u * uint32_t(getDomainId()) + 2u * getParticipantId();
 }
 
-uint32_t Participant::getUserUnicastPort() const
-{
+uint32_t Participant::getUserUnicastPort() const {
     return 7411u + 250u * uint32_t(getDomainId()) + 2u * getParticipantId();
 }
 
 // ------------------------------------------------------------------ endpoints
 
-EntityId_t Participant::allotWriterId()
-{
+EntityId_t Participant::allotWriterId() {
     m_WriterEntityKey += 256;
     return BigEndianId(m_WriterEntityKey + 3);
 }
 
-EntityId_t Participant::allotReaderId()
-{
+EntityId_t Participant::allotReaderId() {
     m_ReaderEntityKey += 256;
     return BigEndianId(m_ReaderEntityKey + 4);
 }
 
-void Participant::fillSchedulers(RequestScheduler* apSchedulers[2]) const
-{
+void Participant::fillSchedulers(RequestScheduler* apSchedulers[2]) const {
     apSchedulers[0] = m_ImmeditRequestScheduler;
     apSchedulers[1] = m_PeriodRequestScheduler;
 }
 
-StatefulReader* Participant::createReader(DataReaderQos attributes, EntityId_t entityId)
-{
+StatefulReader* Participant::createReader(DataReaderQos attributes, EntityId_t entityId) {
     GUID_t readerGuid(guid.guidPrefix, entityId == ENTITYID_UNKNOWN ? allotReaderId() : entityId);
     RequestScheduler* apSchedulers[2];
     fillSchedulers(apSchedulers);
     StatefulReader* pReader = new (std::nothrow) StatefulReader(readerGuid, attributes, apSchedulers);
-    if (pReader == nullptr)
-        return nullptr;
+    if (pReader == nullptr) return nullptr;
     pReader->setUnicastLocatorList(defaultUnicastLocatorList);
 
     m_EndpointMapMutex->Lock();
@@ -207,21 +175,18 @@ StatefulReader* Participant::createReader(DataReaderQos attributes, EntityId_t e
     m_EndpointMapMutex->Unlock();
 
     const TransportMulticastSettingSeq& settings = attributes.multicast.value;
-    for (uint32_t i = 0; i < settings.length; ++i)
-    {
+    for (uint32_t i = 0; i < settings.length; ++i) {
         Locator_t locator;
         locator.kind = LOCATOR_KIND_UDPv4;
         locator.port = settings[i].receive_port;
         locator.SetIPv4(ParseAddress(settings[i].receive_address));
-        if (m_MessageTransmitter != nullptr)
-            m_MessageTransmitter->ReceiveAddrAdd(locator);
+        if (m_MessageTransmitter != nullptr) m_MessageTransmitter->ReceiveAddrAdd(locator);
     }
     pReader->afterCreate();
     return pReader;
 }
 
-Writer* Participant::createWriter(DataWriterQos attributes, EntityId_t entityId)
-{
+Writer* Participant::createWriter(DataWriterQos attributes, EntityId_t entityId) {
     GUID_t writerGuid(guid.guidPrefix, entityId == ENTITYID_UNKNOWN ? allotWriterId() : entityId);
     RequestScheduler* apSchedulers[2];
     fillSchedulers(apSchedulers);
@@ -230,8 +195,7 @@ Writer* Participant::createWriter(DataWriterQos attributes, EntityId_t entityId)
         pWriter = new (std::nothrow) StatefulWriter(writerGuid, attributes, apSchedulers);
     else if (attributes.reliability.kind == BEST_EFFORT_RELIABILITY_QOS)
         pWriter = new (std::nothrow) StatelessWriter(writerGuid, attributes, apSchedulers);
-    if (pWriter == nullptr)
-        return nullptr;
+    if (pWriter == nullptr) return nullptr;
     pWriter->setUnicastLocatorList(defaultUnicastLocatorList);
 
     m_EndpointMapMutex->Lock();
@@ -240,59 +204,48 @@ Writer* Participant::createWriter(DataWriterQos attributes, EntityId_t entityId)
     return pWriter;
 }
 
-bool Participant::waitUntilReturned(const EntityId_t& entityId, bool bSleep)
-{
-    for (;;)
-    {
+bool Participant::waitUntilReturned(const EntityId_t& entityId, bool bSleep) {
+    for (;;) {
         m_EndpointMapMutex->Lock();
         auto it = m_EndpointMap.find(entityId);
         const bool bPresent = it != m_EndpointMap.end();
         const bool bFree = bPresent && it->second != nullptr;
         m_EndpointMapMutex->Unlock();
-        if (!bPresent)
-            return false;
-        if (bFree)
-            return true;
+        if (!bPresent) return false;
+        if (bFree) return true;
         if (bSleep)
             MorvoFun::DDS_msleep(1);
         else
-            std::this_thread::yield();   // not a sleep: lets the borrower reach the lock
+            std::this_thread::yield();  // not a sleep: lets the borrower reach the lock
     }
 }
 
-void Participant::eraseAndDelete(Endpoint* pEndpoint)
-{
+void Participant::eraseAndDelete(Endpoint* pEndpoint) {
     m_EndpointMapMutex->Lock();
     m_EndpointMap.erase(pEndpoint->getEntityId());
     delete pEndpoint;
     m_EndpointMapMutex->Unlock();
 }
 
-int Participant::deleteReader(Endpoint* pEndpoint)
-{
+int Participant::deleteReader(Endpoint* pEndpoint) {
     // An endpoint not in the map is not ours to delete.
-    if (pEndpoint == nullptr || !waitUntilReturned(pEndpoint->getEntityId(), true))
-        return 0;
+    if (pEndpoint == nullptr || !waitUntilReturned(pEndpoint->getEntityId(), true)) return 0;
     eraseAndDelete(pEndpoint);
     return 0;
 }
 
-int Participant::deleteWriter(Endpoint* pEndpoint)
-{
+int Participant::deleteWriter(Endpoint* pEndpoint) {
     // Unlike deleteReader this one waits without sleeping; both forms are kept.
-    if (pEndpoint == nullptr || !waitUntilReturned(pEndpoint->getEntityId(), false))
-        return 0;
+    if (pEndpoint == nullptr || !waitUntilReturned(pEndpoint->getEntityId(), false)) return 0;
     eraseAndDelete(pEndpoint);
     return 0;
 }
 
 // ------------------------------------------------------------------ threads
 
-int Participant::startThreads()
-{
+int Participant::startThreads() {
     const std::string strDomain = MorvoFun::IntToString(getDomainId());
-    struct Start
-    {
+    struct Start {
         Thread*& pThread;
         thread_entry entry;
         void* pArgument;
@@ -304,21 +257,16 @@ int Participant::startThreads()
         {m_DistThread, &MessageProcessor::ProcessRun, m_MessageProcessor, "_DIST"},
     };
     int iResult = 0;
-    for (Start& start : aStarts)
-    {
-        if (start.pThread != nullptr)
-            continue;   // already running
-        if (start.pArgument == nullptr)
-        {
-            iResult = 1;   // its loop object was never made
+    for (Start& start : aStarts) {
+        if (start.pThread != nullptr) continue;  // already running
+        if (start.pArgument == nullptr) {
+            iResult = 1;  // its loop object was never made
             continue;
         }
         // The default stack (1 MiB): the process loop decodes into 64 KiB on its stack.
         Thread* pThread = new (std::nothrow) Thread();
-        if (pThread == nullptr ||
-            pThread->Start(start.entry, start.pArgument, THREAD_PRIORITY_NORMAL_LEVEL,
-                           strDomain + start.szSuffix) != 0)
-        {
+        if (pThread == nullptr || pThread->Start(start.entry, start.pArgument, THREAD_PRIORITY_NORMAL_LEVEL,
+                                                 strDomain + start.szSuffix) != 0) {
             LogText("[Participant::startThreads] Start Error and name = %s%s", strDomain.c_str(),
                     start.szSuffix);
             delete pThread;
@@ -331,21 +279,17 @@ int Participant::startThreads()
 }
 
 int Participant::waitStopped(const char* szOperation, const std::function<bool()>& isStopped,
-                             Thread*& pThread)
-{
-    if (pThread == nullptr)
-        return 0;   // never started: no loop will raise the stopped flag
+                             Thread*& pThread) {
+    if (pThread == nullptr) return 0;  // never started: no loop will raise the stopped flag
     // Every loop wakes at least once a second, so 30 s means it hangs; waiting for ever
     // would hang the application's delete_participant with it.
     int iPolls = 0;
-    while (!isStopped() && iPolls < STOP_POLL_LIMIT)
-    {
+    while (!isStopped() && iPolls < STOP_POLL_LIMIT) {
         MorvoFun::DDS_msleep(STOP_POLL_MS);
         ++iPolls;
     }
     const bool bStopped = isStopped();
-    if (!bStopped)
-    {
+    if (!bStopped) {
         LogText("[Participant::%s] thread did not stop within %d ms", szOperation,
                 STOP_POLL_LIMIT * STOP_POLL_MS);
         m_bThreadStuck = true;
@@ -355,41 +299,34 @@ int Participant::waitStopped(const char* szOperation, const std::function<bool()
     return bStopped ? 0 : 1;
 }
 
-int Participant::stopRecvThread()
-{
+int Participant::stopRecvThread() {
     MessageTransmitter* pTransmitter = m_MessageTransmitter;
-    if (pTransmitter == nullptr)
-        return 0;
+    if (pTransmitter == nullptr) return 0;
     // Clears the run flag and wakes the loop, so a stop takes milliseconds, not a second.
     pTransmitter->RequestStop();
-    return waitStopped("stopRecvThread", [pTransmitter] { return pTransmitter->GetStoppedFlag() == 1; },
-                       m_RecvThread);
+    return waitStopped(
+        "stopRecvThread", [pTransmitter] { return pTransmitter->GetStoppedFlag() == 1; }, m_RecvThread);
 }
 
-int Participant::stopDistThread()
-{
+int Participant::stopDistThread() {
     MessageProcessor* pProcessor = m_MessageProcessor;
-    if (pProcessor == nullptr)
-        return 0;
+    if (pProcessor == nullptr) return 0;
     // Clears the run flag and wakes the loop, so a stop takes milliseconds, not a second.
     pProcessor->RequestStop();
-    return waitStopped("stopDistThread", [pProcessor] { return pProcessor->IsStopped(); },
-                       m_DistThread);
+    return waitStopped(
+        "stopDistThread", [pProcessor] { return pProcessor->IsStopped(); }, m_DistThread);
 }
 
-int Participant::stopSendThread()
-{
+int Participant::stopSendThread() {
     ImmeditRequestScheduler* pScheduler = m_ImmeditRequestScheduler;
-    if (pScheduler == nullptr)
-        return 0;
+    if (pScheduler == nullptr) return 0;
     // Clears the run flag and wakes the loop, so a stop takes milliseconds, not a second.
     pScheduler->RequestStop();
-    return waitStopped("stopSendThread", [pScheduler] { return pScheduler->GetStoppedFlag() == 1; },
-                       m_SendThread);
+    return waitStopped(
+        "stopSendThread", [pScheduler] { return pScheduler->GetStoppedFlag() == 1; }, m_SendThread);
 }
 
-void Participant::LogText(const char* szFormat, ...) const
-{
+void Participant::LogText(const char* szFormat, ...) const {
     char szLog[200];
     va_list args;
     va_start(args, szFormat);

@@ -27,15 +27,14 @@ class StatefulReader;
 class Thread;
 class Writer;
 
-class Participant : public RTPSEntity
-{
+class Participant : public RTPSEntity {
 public:
-    static constexpr uint32_t RECEIVE_BUFFER_SIZE = 52428800;   // 50 MiB
+    static constexpr uint32_t RECEIVE_BUFFER_SIZE = 52428800;  // 50 MiB
     static constexpr uint32_t BUILTIN_ENDPOINTS = 63;
-    static constexpr uint32_t UNKNOWN_ADDRESS = 0xFFFFFFFF;      // also what a bad address parses to
+    static constexpr uint32_t UNKNOWN_ADDRESS = 0xFFFFFFFF;  // also what a bad address parses to
     static constexpr const char* DEFAULT_MULTICAST_ADDRESS = "239.255.0.1";
     static constexpr int STOP_POLL_MS = 10;
-    static constexpr int STOP_POLL_LIMIT = 3000;                 // 10 ms each: about 30 s
+    static constexpr int STOP_POLL_LIMIT = 3000;  // 10 ms each: about 30 s
 
     // Makes the transmitter over the participant's receive buffer; the participant owns the
     // result. Null selects MessageTransmitterUDP. Lets tests and tools run without sockets.
@@ -45,8 +44,8 @@ public:
     // no participant QoS until setParticipantQos.
     Participant(GUID_t guidValue, DomainParticipantImpl* pOwner);
     // pQos is the owner's QoS record that initLoaclNet completes (not owned; may be null).
-    Participant(GUID_t guidValue, DomainParticipantImpl* pOwner, int iLogKey,
-                DomainParticipantQos* pQos, TransmitterFactory pCreateTransmitter = nullptr);
+    Participant(GUID_t guidValue, DomainParticipantImpl* pOwner, int iLogKey, DomainParticipantQos* pQos,
+                TransmitterFactory pCreateTransmitter = nullptr);
     // Stops threads still running, then deletes endpoints, buffer, processor, transmitter,
     // schedulers and the mutex in that order.
     ~Participant() override;
@@ -151,8 +150,7 @@ private:
     bool isBuiltinWriterId(const EntityId_t& entityId) const;
     bool isBuiltinReaderId(const EntityId_t& entityId) const;
     // Polls isStopped every 10 ms (bounded), then deletes the thread object.
-    int waitStopped(const char* szOperation, const std::function<bool()>& isStopped,
-                    Thread*& pThread);
+    int waitStopped(const char* szOperation, const std::function<bool()>& isStopped, Thread*& pThread);
     void addUnicastLocator(uint32_t uiHostAddress);
     void LogText(const char* szFormat, ...) const __attribute__((format(printf, 2, 3)));
 
@@ -161,22 +159,22 @@ private:
     uint32_t availableBuiltinEndpoints;
     std::list<Locator_t> defaultUnicastLocatorList;
     std::list<Locator_t> defaultMulticastLocatorList;
-    DomainParticipantImpl* m_DomainParticipant;           // not owned
-    uint32_t m_WriterEntityKey;                           // changed outside the mutex
+    DomainParticipantImpl* m_DomainParticipant;  // not owned
+    uint32_t m_WriterEntityKey;                  // changed outside the mutex
     uint32_t m_ReaderEntityKey;
-    std::map<EntityId_t, Endpoint*> m_EndpointMap;        // owned; null while borrowed
+    std::map<EntityId_t, Endpoint*> m_EndpointMap;  // owned; null while borrowed
     Mutex* m_EndpointMapMutex;
-    ImmeditRequestScheduler* m_ImmeditRequestScheduler;   // owned
-    PeriodRequestScheduler* m_PeriodRequestScheduler;     // owned
-    ReceiveBuffer* m_ReceiveBuffer;                       // owned
-    MessageProcessor* m_MessageProcessor;                 // owned
-    MessageTransmitter* m_MessageTransmitter;             // owned; UDP unless a factory was given
-    Thread* m_SendThread;                                 // owned; null until started
+    ImmeditRequestScheduler* m_ImmeditRequestScheduler;  // owned
+    PeriodRequestScheduler* m_PeriodRequestScheduler;    // owned
+    ReceiveBuffer* m_ReceiveBuffer;                      // owned
+    MessageProcessor* m_MessageProcessor;                // owned
+    MessageTransmitter* m_MessageTransmitter;            // owned; UDP unless a factory was given
+    Thread* m_SendThread;                                // owned; null until started
     Thread* m_RecvThread;
     Thread* m_DistThread;
 
     int m_iLogKey;
-    DomainParticipantQos* m_pParticipantQos;              // the owner's; not owned
-    Discovery* m_pDiscovery;                              // not owned
-    bool m_bThreadStuck;                                  // a stop timed out: keep the machinery
+    DomainParticipantQos* m_pParticipantQos;  // the owner's; not owned
+    Discovery* m_pDiscovery;                  // not owned
+    bool m_bThreadStuck;                      // a stop timed out: keep the machinery
 };

@@ -4,8 +4,7 @@
 
 #include "BasicTypes.h"
 
-class RTPSEntity
-{
+class RTPSEntity {
 public:
     explicit RTPSEntity(const GUID_t& guidValue);
     virtual ~RTPSEntity();

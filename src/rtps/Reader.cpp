@@ -2,8 +2,7 @@
 
 #include "rtps/HistoryCache.h"
 
-Reader::Reader(const GUID_t& guidValue, const DataReaderQos& attributes,
-               RequestScheduler* const* pSchedulers)
+Reader::Reader(const GUID_t& guidValue, const DataReaderQos& attributes, RequestScheduler* const* pSchedulers)
     : Endpoint(guidValue, uint32_t(attributes.reliability.kind)),
       m_ReaderCache(nullptr),
       m_SecondCache(nullptr),
@@ -11,41 +10,34 @@ Reader::Reader(const GUID_t& guidValue, const DataReaderQos& attributes,
       m_ReservedSeq(),
       m_DataReader(nullptr),
       m_LastSeq(),
-      m_Qos(attributes)
-{
+      m_Qos(attributes) {
     m_Schedulers[0] = pSchedulers != nullptr ? pSchedulers[0] : nullptr;
     m_Schedulers[1] = pSchedulers != nullptr ? pSchedulers[1] : nullptr;
 }
 
-Reader::~Reader()
-{
+Reader::~Reader() {
     delete m_SecondCache;
 }
 
-int Reader::getEndpointDuration(Time_t& duration)
-{
+int Reader::getEndpointDuration(Time_t& duration) {
     duration = m_Duration;
     return 0;
 }
 
-int Reader::afterCreate()
-{
+int Reader::afterCreate() {
     return 0;
 }
 
-void Reader::setReaderCache(HistoryCache* pCache)
-{
+void Reader::setReaderCache(HistoryCache* pCache) {
     m_ReaderCache = pCache;
     // A second call replaces the second cache instead of losing it.
     delete m_SecondCache;
     m_SecondCache = nullptr;
-    if (pCache == nullptr)
-        return;
+    if (pCache == nullptr) return;
     m_SecondCache = new HistoryCache(pCache->GetCapacity());
     m_SecondCache->SetTopic(pCache->GetDomainId(), pCache->GetTopicName());
 }
 
-RequestScheduler* Reader::getScheduler(int iIndex) const
-{
+RequestScheduler* Reader::getScheduler(int iIndex) const {
     return (iIndex == 0 || iIndex == 1) ? m_Schedulers[iIndex] : nullptr;
 }

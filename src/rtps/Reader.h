@@ -15,13 +15,11 @@ class HistoryCache;
 class RequestScheduler;
 class ReaderDataSink;
 
-class Reader : public Endpoint
-{
+class Reader : public Endpoint {
 public:
     // pSchedulers: element 0 the immediate, element 1 the periodic scheduler
     // (may be null, giving no schedulers).
-    Reader(const GUID_t& guidValue, const DataReaderQos& attributes,
-           RequestScheduler* const* pSchedulers);
+    Reader(const GUID_t& guidValue, const DataReaderQos& attributes, RequestScheduler* const* pSchedulers);
     // Deletes the second cache; the delivery cache belongs to the DataReaderImpl.
     ~Reader() override;
 
@@ -32,15 +30,12 @@ public:
     virtual int DataMessageReceive(const MessageReceiver& receiver, const DataSubMessage& message,
                                    const std::list<Parameter>& inlineQos, const octet* pData,
                                    uint32_t uiLength) = 0;
-    virtual int DataFragMessageReceive(const MessageReceiver& receiver,
-                                       const DataFragSubMessage& message,
-                                       const dataFrag& fragment,
-                                       const std::list<Parameter>& inlineQos, const octet* pData,
-                                       uint32_t uiLength) = 0;
+    virtual int DataFragMessageReceive(const MessageReceiver& receiver, const DataFragSubMessage& message,
+                                       const dataFrag& fragment, const std::list<Parameter>& inlineQos,
+                                       const octet* pData, uint32_t uiLength) = 0;
     virtual int HeartBeatMessageReceive(const MessageReceiver& receiver,
                                         const heartBeatSubMessage& message) = 0;
-    virtual int GapMessageReceive(const MessageReceiver& receiver,
-                                  const stGapSubMessage& message) = 0;
+    virtual int GapMessageReceive(const MessageReceiver& receiver, const stGapSubMessage& message) = 0;
     // Last step of Participant::createReader. Returns 0.
     virtual int afterCreate();
 
@@ -61,7 +56,7 @@ protected:
     Time_t m_Duration;               // answered by getEndpointDuration
     SequenceNumber_t m_ReservedSeq;  // not read
     RequestScheduler* m_Schedulers[2];
-    ReaderDataSink* m_DataReader;    // not owned; the layer above
+    ReaderDataSink* m_DataReader;  // not owned; the layer above
     SequenceNumber_t m_LastSeq;
     DataReaderQos m_Qos;
 };

@@ -7,8 +7,7 @@
 
 class CacheChange;
 
-class ReaderDataSink
-{
+class ReaderDataSink {
 public:
     virtual ~ReaderDataSink() = default;
 

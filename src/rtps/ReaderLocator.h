@@ -10,8 +10,7 @@
 
 class CacheChange;
 
-class ReaderLocator
-{
+class ReaderLocator {
 public:
     // A locator that nobody shares yet: the count starts at 1.
     ReaderLocator();
@@ -23,5 +22,5 @@ public:
     std::list<CacheChange*> requested_changes;  // kept for the record's shape; never filled
     std::list<CacheChange*> unsent_changes;     // likewise
     Locator_t locator;
-    uint32_t m_RefCount;                        // readers served through this locator
+    uint32_t m_RefCount;  // readers served through this locator
 };

@@ -16,64 +16,50 @@ StatefulReader::StatefulReader(const GUID_t& guidValue, const DataReaderQos& att
                                RequestScheduler* const* pSchedulers)
     : Reader(guidValue, attributes, pSchedulers),
       m_CacheKeyCounter(SEQUENCENUMBER_ZERO),
-      m_PeriodicAckNack(nullptr)
-{
-}
+      m_PeriodicAckNack(nullptr) {}
 
-StatefulReader::~StatefulReader()
-{
-    for (auto& entry : m_MatchedWriter)
-        delete entry.second;
+StatefulReader::~StatefulReader() {
+    for (auto& entry : m_MatchedWriter) delete entry.second;
     m_MatchedWriter.clear();
-    if (m_PeriodicAckNack != nullptr)
-        RemovePeriodicAckNack();
+    if (m_PeriodicAckNack != nullptr) RemovePeriodicAckNack();
 }
 
 // ---------------------------------------------------------------- helpers
 
-const std::string& StatefulReader::TopicName() const
-{
+const std::string& StatefulReader::TopicName() const {
     static const std::string strNone;
     return m_ReaderCache != nullptr ? m_ReaderCache->GetTopicName() : strNone;
 }
 
-int StatefulReader::LogKey() const
-{
+int StatefulReader::LogKey() const {
     return m_ReaderCache != nullptr ? int(m_ReaderCache->GetDomainId()) : 0;
 }
 
-void StatefulReader::WriteLog(char* szLog, int iCode) const
-{
+void StatefulReader::WriteLog(char* szLog, int iCode) const {
     DDSLogManagementFactory::WriteDDSLog(LogKey(), szLog, strlen(szLog), iCode, GUID_UNKNOWN);
 }
 
-bool StatefulReader::IsBuiltinTopic() const
-{
+bool StatefulReader::IsBuiltinTopic() const {
     const std::string& strTopic = TopicName();
-    return strTopic == "DCPSParticipant" || strTopic == "DCPSPublication" ||
-           strTopic == "DCPSSubscription" || strTopic == "DCPSParticipantMessage";
+    return strTopic == "DCPSParticipant" || strTopic == "DCPSPublication" || strTopic == "DCPSSubscription" ||
+           strTopic == "DCPSParticipantMessage";
 }
 
-WriterProxy* StatefulReader::FindProxy(const GUID_t& writerGuid) const
-{
+WriterProxy* StatefulReader::FindProxy(const GUID_t& writerGuid) const {
     auto it = m_MatchedWriter.find(writerGuid);
     return it != m_MatchedWriter.end() ? it->second : nullptr;
 }
 
-bool StatefulReader::IsNotOwner(const GUID_t& writerGuid)
-{
-    if (m_Qos.ownership.kind != EXCLUSIVE_OWNERSHIP_QOS)
-        return false;
+bool StatefulReader::IsNotOwner(const GUID_t& writerGuid) {
+    if (m_Qos.ownership.kind != EXCLUSIVE_OWNERSHIP_QOS) return false;
     const GUID_t owner = m_DataReader != nullptr ? m_DataReader->getOwnerGuid() : GUID_UNKNOWN;
     return writerGuid != owner;
 }
 
-void StatefulReader::AssignCacheKey(CacheChange* pCacheChange)
-{
+void StatefulReader::AssignCacheKey(CacheChange* pCacheChange) {
     // By source timestamp the cache's order is timestamp order; otherwise the
     // order of delivery, counted from 1.
-    if (m_Qos.destination_order.kind == BY_SOURCE_TIMESTAMP_DESTINATIONORDER_QOS)
-    {
+    if (m_Qos.destination_order.kind == BY_SOURCE_TIMESTAMP_DESTINATIONORDER_QOS) {
         pCacheChange->sequenceNumber =
             SequenceNumber_t(pCacheChange->sourceTimestamp.sec, pCacheChange->sourceTimestamp.nanosec);
         return;
@@ -82,42 +68,38 @@ void StatefulReader::AssignCacheKey(CacheChange* pCacheChange)
     pCacheChange->sequenceNumber = m_CacheKeyCounter;
 }
 
-bool StatefulReader::AddToReaderCache(CacheChange* pCacheChange, DeliveryPath path)
-{
+bool StatefulReader::AddToReaderCache(CacheChange* pCacheChange, DeliveryPath path) {
     AssignCacheKey(pCacheChange);
-    if (m_ReaderCache == nullptr)
-        return false;
-    if (m_ReaderCache->IsFull())
-    {
+    if (m_ReaderCache == nullptr) return false;
+    if (m_ReaderCache->IsFull()) {
         // The oldest key makes room, read by the application or not.
         const SequenceNumber_t oldest = m_ReaderCache->GetSeqNumMin();
         char szLog[200];
         const char* szTopic = TopicName().c_str();
         const int iOld = int(oldest.low);
         const int iNew = int(pCacheChange->sequenceNumber.low);
-        switch (path)
-        {
-        case BEST_EFFORT_PATH:
-            // Formatted, and not written.
-            snprintf(szLog, sizeof(szLog),
-                     "[StatefulReader::BestEffortDataMessageReceive]  TopicName = %s : HistoryCache "
-                     "is Full,delete old Sn %d and insert new Sn %d",
-                     szTopic, iOld, iNew);
-            break;
-        case RELIABLE_PATH:
-            snprintf(szLog, sizeof(szLog),
-                     "[StatefulReader::ReliableDataMessageReceive] [1] TopicName = %s : "
-                     "HistoryCache is Full,delete old Sn %d and insert new Sn %d",
-                     szTopic, iOld, iNew);
-            WriteLog(szLog);
-            break;
-        case SUBMIT_PATH:
-            snprintf(szLog, sizeof(szLog),
-                     "[StatefulReader::submitAvailableData] [2] TopicName = %s : HistoryCache is "
-                     "Full,delete old Sn %d and insert new Sn %d",
-                     szTopic, iOld, iNew);
-            WriteLog(szLog);
-            break;
+        switch (path) {
+            case BEST_EFFORT_PATH:
+                // Formatted, and not written.
+                snprintf(szLog, sizeof(szLog),
+                         "[StatefulReader::BestEffortDataMessageReceive]  TopicName = %s : HistoryCache "
+                         "is Full,delete old Sn %d and insert new Sn %d",
+                         szTopic, iOld, iNew);
+                break;
+            case RELIABLE_PATH:
+                snprintf(szLog, sizeof(szLog),
+                         "[StatefulReader::ReliableDataMessageReceive] [1] TopicName = %s : "
+                         "HistoryCache is Full,delete old Sn %d and insert new Sn %d",
+                         szTopic, iOld, iNew);
+                WriteLog(szLog);
+                break;
+            case SUBMIT_PATH:
+                snprintf(szLog, sizeof(szLog),
+                         "[StatefulReader::submitAvailableData] [2] TopicName = %s : HistoryCache is "
+                         "Full,delete old Sn %d and insert new Sn %d",
+                         szTopic, iOld, iNew);
+                WriteLog(szLog);
+                break;
         }
         m_ReaderCache->RemoveChange(oldest);
     }
@@ -129,115 +111,88 @@ bool StatefulReader::AddToReaderCache(CacheChange* pCacheChange, DeliveryPath pa
     return pHeld == pCacheChange || pHeld == nullptr;
 }
 
-void StatefulReader::NotifyDataReader(CacheChange* pCacheChange, bool bKept)
-{
-    if (m_DataReader != nullptr)
-        m_DataReader->DataReceive(pCacheChange);
-    if (!bKept)
-        WriterProxy::DeleteChange(pCacheChange);
+void StatefulReader::NotifyDataReader(CacheChange* pCacheChange, bool bKept) {
+    if (m_DataReader != nullptr) m_DataReader->DataReceive(pCacheChange);
+    if (!bKept) WriterProxy::DeleteChange(pCacheChange);
 }
 
 // ---------------------------------------------------------------- delivery
 
-int StatefulReader::BestEffortDataMessageReceive(CacheChange* pCacheChange)
-{
-    if (m_DataReader != nullptr)
-        m_DataReader->setLastSequenceNumber(pCacheChange->sequenceNumber);
+int StatefulReader::BestEffortDataMessageReceive(CacheChange* pCacheChange) {
+    if (m_DataReader != nullptr) m_DataReader->setLastSequenceNumber(pCacheChange->sequenceNumber);
     const bool bKept = AddToReaderCache(pCacheChange, BEST_EFFORT_PATH);
     NotifyDataReader(pCacheChange, bKept);
     return 0;
 }
 
-int StatefulReader::ReliableDataMessageReceive(CacheChange* pCacheChange)
-{
-    if (m_DataReader != nullptr)
-        m_DataReader->setLastSequenceNumber(pCacheChange->sequenceNumber);
+int StatefulReader::ReliableDataMessageReceive(CacheChange* pCacheChange) {
+    if (m_DataReader != nullptr) m_DataReader->setLastSequenceNumber(pCacheChange->sequenceNumber);
     const GUID_t writerGuid = pCacheChange->writerGUID;
     WriterProxy* pWriterProxy = FindProxy(writerGuid);
-    if (pWriterProxy == nullptr)
-    {
+    if (pWriterProxy == nullptr) {
         WriterProxy::DeleteChange(pCacheChange);
         return 1;
     }
     const SequenceNumber_t maxSeq = pWriterProxy->available_changes_max();
-    if (pCacheChange->sequenceNumber == maxSeq + 1)
-    {
+    if (pCacheChange->sequenceNumber == maxSeq + 1) {
         const bool bKept = AddToReaderCache(pCacheChange, RELIABLE_PATH);
         pWriterProxy->available_change_next();
         NotifyDataReader(pCacheChange, bKept);
         // The layer above may have unmatched the writer meanwhile.
-        if (FindProxy(writerGuid) != pWriterProxy)
-            return 0;
-    }
-    else
-    {
+        if (FindProxy(writerGuid) != pWriterProxy) return 0;
+    } else {
         pWriterProxy->received_change(pCacheChange);
     }
     submitAvailableData(pWriterProxy);
     return 0;
 }
 
-int StatefulReader::submitAvailableData(WriterProxy* pWriterProxy)
-{
+int StatefulReader::submitAvailableData(WriterProxy* pWriterProxy) {
     const GUID_t writerGuid = pWriterProxy->getGuid();
     const SequenceNumber_t maxSeq = pWriterProxy->available_changes_max();
     CacheChange* pCacheChange;
-    while ((pCacheChange = pWriterProxy->getAvailableChanges(maxSeq)) != nullptr)
-    {
+    while ((pCacheChange = pWriterProxy->getAvailableChanges(maxSeq)) != nullptr) {
         const bool bKept = AddToReaderCache(pCacheChange, SUBMIT_PATH);
         NotifyDataReader(pCacheChange, bKept);
-        if (FindProxy(writerGuid) != pWriterProxy)
-            break;
+        if (FindProxy(writerGuid) != pWriterProxy) break;
     }
     return 0;
 }
 
 // ---------------------------------------------------------------- DATA
 
-int StatefulReader::DataMessageReceive(const MessageReceiver& receiver,
-                                       const DataSubMessage& message,
+int StatefulReader::DataMessageReceive(const MessageReceiver& receiver, const DataSubMessage& message,
                                        const std::list<Parameter>& inlineQos, const octet* pData,
-                                       uint32_t uiLength)
-{
+                                       uint32_t uiLength) {
     char szLog[200];
     const GUID_t writerGuid(receiver.sourceGuidPrefix, message.writerId);
     const SequenceNumber_t writerSN = FromWire(message.writerSN);
     const std::string& strTopic = TopicName();
 
     DDSLogManagementFactory* pLogFactory = DDSLogManagementFactory::GetInstance();
-    if (pLogFactory != nullptr && pLogFactory->IsReadALLTopic(LogKey(), strTopic))
-    {
-        snprintf(szLog, sizeof(szLog),
-                 "TopicName = %s SeqNum = %d [StatefulReader::DataMessageReceive]",
+    if (pLogFactory != nullptr && pLogFactory->IsReadALLTopic(LogKey(), strTopic)) {
+        snprintf(szLog, sizeof(szLog), "TopicName = %s SeqNum = %d [StatefulReader::DataMessageReceive]",
                  strTopic.c_str(), int(writerSN.low));
         WriteLog(szLog, DDSLOG_RECV);
-        if (pData != nullptr && uiLength > 0)
-        {
+        if (pData != nullptr && uiLength > 0) {
             char* pText = reinterpret_cast<char*>(const_cast<octet*>(pData));
-            DDSLogManagementFactory::WriteDDSLog(LogKey(), pText, uiLength, DDSLOG_RECV + 1,
-                                                 writerGuid);
+            DDSLogManagementFactory::WriteDDSLog(LogKey(), pText, uiLength, DDSLOG_RECV + 1, writerGuid);
         }
     }
-    if (pLogFactory != nullptr && pLogFactory->IsQueryTopic(LogKey(), strTopic))
-    {
-        snprintf(szLog, sizeof(szLog),
-                 "[StatefulReader::DataMessageReceive] [1] TopicName = %s SeqNum = %d",
+    if (pLogFactory != nullptr && pLogFactory->IsQueryTopic(LogKey(), strTopic)) {
+        snprintf(szLog, sizeof(szLog), "[StatefulReader::DataMessageReceive] [1] TopicName = %s SeqNum = %d",
                  strTopic.c_str(), int(writerSN.low));
         WriteLog(szLog);
     }
 
-    if (IsNotOwner(writerGuid))
-        return 0;
+    if (IsNotOwner(writerGuid)) return 0;
 
     WriterProxy* pWriterProxy = FindProxy(writerGuid);
-    if (reliabilityLevel == 2)
-    {
-        if (pWriterProxy == nullptr)
-            return 0;
+    if (reliabilityLevel == 2) {
+        if (pWriterProxy == nullptr) return 0;
         // Duplicates and old resends end here.
         const SequenceNumber_t maxSeq = pWriterProxy->available_changes_max();
-        if (!(maxSeq < writerSN))
-        {
+        if (!(maxSeq < writerSN)) {
             snprintf(szLog, sizeof(szLog),
                      "[StatefulReader::DataMessageReceive] maxAvailableNum(%d) >= "
                      "DataMessage.WriterSN(%d) and TopicName = %s",
@@ -250,8 +205,7 @@ int StatefulReader::DataMessageReceive(const MessageReceiver& receiver,
     CacheChange* pCacheChange = new (std::nothrow) CacheChange();
     const bool bCopy = uiLength > 0 && pData != nullptr;
     octet* pPayload = bCopy ? CacheChange::AllocData(uiLength) : nullptr;
-    if (pCacheChange == nullptr || (bCopy && pPayload == nullptr))
-    {
+    if (pCacheChange == nullptr || (bCopy && pPayload == nullptr)) {
         delete pCacheChange;
         CacheChange::FreeData(pPayload);
         snprintf(szLog, sizeof(szLog),
@@ -267,15 +221,13 @@ int StatefulReader::DataMessageReceive(const MessageReceiver& receiver,
     pCacheChange->dataLength = uiLength;
     pCacheChange->inlineQos = inlineQos;
     pCacheChange->sourceTimestamp = receiver.timestamp;
-    if (bCopy)
-    {
+    if (bCopy) {
         memcpy(pPayload, pData, uiLength);
         pCacheChange->data = pPayload;
     }
     pCacheChange->sequenceNumber = writerSN;
 
-    if (!IsBuiltinTopic() && pWriterProxy != nullptr)
-    {
+    if (!IsBuiltinTopic() && pWriterProxy != nullptr) {
         pWriterProxy->getLifespan(pCacheChange->lifespan);
         if (m_Qos.liveliness.kind == MANUAL_BY_TOPIC_LIVELINESS_QOS &&
             m_Qos.liveliness.lease_duration != DURATION_INFINITE)
@@ -291,15 +243,12 @@ int StatefulReader::DataMessageReceive(const MessageReceiver& receiver,
 
 // ---------------------------------------------------------------- matching
 
-int StatefulReader::matched_writer_add(WriterProxy* pWriterProxy)
-{
-    if (pWriterProxy == nullptr)
-    {
+int StatefulReader::matched_writer_add(WriterProxy* pWriterProxy) {
+    if (pWriterProxy == nullptr) {
         printf("err\n");
         return 1;
     }
-    if (m_MatchedWriter.count(pWriterProxy->getGuid()) != 0)
-    {
+    if (m_MatchedWriter.count(pWriterProxy->getGuid()) != 0) {
         char szLog[200];
         snprintf(szLog, sizeof(szLog),
                  "[StatefulReader::matched_writer_add]  pWriterProxy Readd and TopicName = %s",
@@ -311,11 +260,9 @@ int StatefulReader::matched_writer_add(WriterProxy* pWriterProxy)
     return 0;
 }
 
-int StatefulReader::matched_writer_remove(WriterProxy* pWriterProxy)
-{
+int StatefulReader::matched_writer_remove(WriterProxy* pWriterProxy) {
     char szLog[200];
-    if (pWriterProxy == nullptr)
-    {
+    if (pWriterProxy == nullptr) {
         snprintf(szLog, sizeof(szLog),
                  "[StatefulReader::matched_writer_remove] pWriterProxy = NULL and TopicName = %s",
                  TopicName().c_str());
@@ -323,8 +270,7 @@ int StatefulReader::matched_writer_remove(WriterProxy* pWriterProxy)
         return 1;
     }
     auto it = m_MatchedWriter.find(pWriterProxy->getGuid());
-    if (it == m_MatchedWriter.end())
-    {
+    if (it == m_MatchedWriter.end()) {
         snprintf(szLog, sizeof(szLog),
                  "[StatefulReader::matched_writer_remove] m_MatchedWriter.count and TopicName = %s",
                  TopicName().c_str());
@@ -341,11 +287,9 @@ int StatefulReader::matched_writer_remove(WriterProxy* pWriterProxy)
     return 0;
 }
 
-WriterProxy* StatefulReader::matched_writer_lookup(const GUID_t& writerGuid)
-{
+WriterProxy* StatefulReader::matched_writer_lookup(const GUID_t& writerGuid) {
     WriterProxy* pWriterProxy = FindProxy(writerGuid);
-    if (pWriterProxy == nullptr)
-    {
+    if (pWriterProxy == nullptr) {
         char szLog[200];
         snprintf(szLog, sizeof(szLog),
                  "[StatefulReader::matched_writer_lookup] m_MatchedWriter.count == 0 and TopicName = %s",
@@ -358,13 +302,11 @@ WriterProxy* StatefulReader::matched_writer_lookup(const GUID_t& writerGuid)
 // ---------------------------------------------------------------- HEARTBEAT, GAP
 
 int StatefulReader::HeartBeatMessageReceive(const MessageReceiver& receiver,
-                                            const heartBeatSubMessage& message)
-{
+                                            const heartBeatSubMessage& message) {
     char szLog[200];
     const GUID_t writerGuid(receiver.sourceGuidPrefix, message.writerId);
     WriterProxy* pWriterProxy = matched_writer_lookup(writerGuid);
-    if (pWriterProxy == nullptr)
-    {
+    if (pWriterProxy == nullptr) {
         snprintf(szLog, sizeof(szLog),
                  "[StatefulReader::HeartBeatMessageReceive]  NULL == pWriterProxy TopicName =%s  "
                  "Count = %d ",
@@ -376,20 +318,17 @@ int StatefulReader::HeartBeatMessageReceive(const MessageReceiver& receiver,
     pWriterProxy->setHeartbeatCount(message.count);
     const SequenceNumber_t firstSN = FromWire(message.firstSN);
     const SequenceNumber_t lastSN = FromWire(message.lastSN);
-    if (lastSN < firstSN)
-        return 0;
+    if (lastSN < firstSN) return 0;
 
     DDSLogManagementFactory* pLogFactory = DDSLogManagementFactory::GetInstance();
-    if (pLogFactory != nullptr && pLogFactory->GetUseDDSLogFlag(LogKey()))
-    {
+    if (pLogFactory != nullptr && pLogFactory->GetUseDDSLogFlag(LogKey())) {
         snprintf(szLog, sizeof(szLog),
                  "[StatefulReader::HeartBeatMessageReceive] TopicName = %s  Count = %d First = %d "
                  "Last = %d",
                  TopicName().c_str(), int(message.count), int(firstSN.low), int(lastSN.low));
         WriteLog(szLog, DDSLOG_RECV + 2);
     }
-    if (pWriterProxy->missing_changes_update(firstSN, lastSN) != 0)
-    {
+    if (pWriterProxy->missing_changes_update(firstSN, lastSN) != 0) {
         snprintf(szLog, sizeof(szLog),
                  "[StatefulReader::HeartBeatMessageReceive] checkCacheChange  Error and FirstSN = "
                  "%d and LastSN = %d,TopicName = %s",
@@ -398,8 +337,7 @@ int StatefulReader::HeartBeatMessageReceive(const MessageReceiver& receiver,
         return 1;
     }
     submitAvailableData(pWriterProxy);
-    if (FindProxy(writerGuid) != pWriterProxy)
-        return 0;
+    if (FindProxy(writerGuid) != pWriterProxy) return 0;
     pWriterProxy->lost_changes_update(firstSN);
     pWriterProxy->unknown_changes_update(lastSN);
     pWriterProxy->fragment_nack(this, m_Schedulers[0]);
@@ -411,13 +349,10 @@ int StatefulReader::HeartBeatMessageReceive(const MessageReceiver& receiver,
     return 0;
 }
 
-int StatefulReader::GapMessageReceive(const MessageReceiver& receiver,
-                                      const stGapSubMessage& message)
-{
+int StatefulReader::GapMessageReceive(const MessageReceiver& receiver, const stGapSubMessage& message) {
     const GUID_t writerGuid(receiver.sourceGuidPrefix, message.writerId);
     WriterProxy* pWriterProxy = matched_writer_lookup(writerGuid);
-    if (pWriterProxy == nullptr)
-    {
+    if (pWriterProxy == nullptr) {
         char szLog[200];
         snprintf(szLog, sizeof(szLog),
                  "[StatefulReader::GapMessageReceive]  NULL == pWriterProxy TopicName =%s  Count = %d ",
@@ -427,8 +362,7 @@ int StatefulReader::GapMessageReceive(const MessageReceiver& receiver,
     }
     // The bitmap of gapList is not looked at: only the range before its base.
     const SequenceNumber_t gapEnd = FromWire(message.gapList.bitmapBase);
-    for (SequenceNumber_t seqNum = FromWire(message.gapStart); seqNum < gapEnd; ++seqNum)
-    {
+    for (SequenceNumber_t seqNum = FromWire(message.gapStart); seqNum < gapEnd; ++seqNum) {
         pWriterProxy->received_change_set(seqNum);
         pWriterProxy->irrelevant_change_set(seqNum);
     }
@@ -436,50 +370,39 @@ int StatefulReader::GapMessageReceive(const MessageReceiver& receiver,
     return 0;
 }
 
-int StatefulReader::addPeriodicAckNack(WriterProxy*, const SequenceNumberSet&)
-{
+int StatefulReader::addPeriodicAckNack(WriterProxy*, const SequenceNumberSet&) {
     // joins with the reliable protocol work: an AcknackMessageRequest with this
     // set on the periodic scheduler, kept in m_PeriodicAckNack.
     return 0;
 }
 
-void StatefulReader::SendAckNack(WriterProxy*, const SequenceNumberSet&)
-{
+void StatefulReader::SendAckNack(WriterProxy*, const SequenceNumberSet&) {
     // joins with the reliable protocol work: an AcknackMessageRequest for the
     // proxy's writer with this set (times zero), added to the immediate scheduler.
 }
 
-void StatefulReader::RemovePeriodicAckNack()
-{
+void StatefulReader::RemovePeriodicAckNack() {
     // joins with the reliable protocol work: RequestRemove from the periodic
     // scheduler, then delete.
 }
 
 // ---------------------------------------------------------------- liveliness
 
-int StatefulReader::checkLiveliness(Time_t now)
-{
-    for (auto& entry : m_MatchedWriter)
-    {
+int StatefulReader::checkLiveliness(Time_t now) {
+    for (auto& entry : m_MatchedWriter) {
         const int iChange = entry.second->check_alive(now, m_Qos.liveliness.lease_duration);
-        if (iChange != 0 && m_DataReader != nullptr)
-            m_DataReader->livelinessChanged(iChange == 1);
+        if (iChange != 0 && m_DataReader != nullptr) m_DataReader->livelinessChanged(iChange == 1);
     }
     return 0;
 }
 
-int StatefulReader::assertLiveliness(GUID_t remote, Time_t now, uint32_t uiKind)
-{
-    if (uint32_t(m_Qos.liveliness.kind) > uiKind)
-        return 0;
-    for (auto& entry : m_MatchedWriter)
-    {
+int StatefulReader::assertLiveliness(GUID_t remote, Time_t now, uint32_t uiKind) {
+    if (uint32_t(m_Qos.liveliness.kind) > uiKind) return 0;
+    for (auto& entry : m_MatchedWriter) {
         WriterProxy* pWriterProxy = entry.second;
-        if (memcmp(pWriterProxy->getGuid().guidPrefix.value, remote.guidPrefix.value, 12) != 0)
-            continue;
+        if (memcmp(pWriterProxy->getGuid().guidPrefix.value, remote.guidPrefix.value, 12) != 0) continue;
         pWriterProxy->setLastAliveTime(now);
-        if (pWriterProxy->check_alive(now, m_Qos.liveliness.lease_duration) == 1 &&
-            m_DataReader != nullptr)
+        if (pWriterProxy->check_alive(now, m_Qos.liveliness.lease_duration) == 1 && m_DataReader != nullptr)
             m_DataReader->livelinessChanged(true);
     }
     return 0;

@@ -17,8 +17,7 @@ class CacheChange;
 class WriterProxy;
 class AcknackMessageRequest;
 
-class StatefulReader : public Reader
-{
+class StatefulReader : public Reader {
 public:
     StatefulReader(const GUID_t& guidValue, const DataReaderQos& attributes,
                    RequestScheduler* const* pSchedulers);
@@ -31,11 +30,9 @@ public:
     int DataFragMessageReceive(const MessageReceiver& receiver, const DataFragSubMessage& message,
                                const dataFrag& fragment, const std::list<Parameter>& inlineQos,
                                const octet* pData, uint32_t uiLength) override;
-    int HeartBeatMessageReceive(const MessageReceiver& receiver,
-                                const heartBeatSubMessage& message) override;
+    int HeartBeatMessageReceive(const MessageReceiver& receiver, const heartBeatSubMessage& message) override;
     // Never reached from the wire: GAP submessages are not routed to readers.
-    int GapMessageReceive(const MessageReceiver& receiver,
-                          const stGapSubMessage& message) override;
+    int GapMessageReceive(const MessageReceiver& receiver, const stGapSubMessage& message) override;
 
     // Takes ownership of the proxy. 0, or 1 when null or the writer is matched already.
     int matched_writer_add(WriterProxy* pWriterProxy);
@@ -62,9 +59,9 @@ public:
     size_t getMatchedWriterCount() const { return m_MatchedWriter.size(); }
 
 protected:
-    std::map<GUID_t, WriterProxy*> m_MatchedWriter; // owned proxies
-    SequenceNumber_t m_CacheKeyCounter;             // local delivery numbering
-    AcknackMessageRequest* m_PeriodicAckNack;       // null unless the SEDP preemptive ACKNACK runs
+    std::map<GUID_t, WriterProxy*> m_MatchedWriter;  // owned proxies
+    SequenceNumber_t m_CacheKeyCounter;              // local delivery numbering
+    AcknackMessageRequest* m_PeriodicAckNack;        // null unless the SEDP preemptive ACKNACK runs
 
 private:
     // Which full-cache text a delivery path writes when it makes room.

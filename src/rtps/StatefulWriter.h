@@ -16,8 +16,7 @@ class Mutex;
 class ReaderProxy;
 class HeartbeatMessageRequest;
 
-class StatefulWriter : public Writer
-{
+class StatefulWriter : public Writer {
 public:
     StatefulWriter(const GUID_t& guidValue, const DataWriterQos& attributes,
                    RequestScheduler* const* pSchedulers);
@@ -31,11 +30,10 @@ public:
     // with the reliable writer work; virtual so that the decoder's routing can be
     // observed.
     virtual int AckNackMessageReceive(const MessageReceiver& receiver, const ackMessage& message);
-    virtual int NackFragMessageReceive(const MessageReceiver& receiver,
-                                       const NackFragMessage& message);
+    virtual int NackFragMessageReceive(const MessageReceiver& receiver, const NackFragMessage& message);
 
 protected:
-    std::map<GUID_t, ReaderProxy*> m_MatchedReaderList; // owned proxies
-    HeartbeatMessageRequest* m_PeriodicHeartbeat;       // owned; lives in the periodic scheduler
-    Mutex* m_MatchedReaderMutex;                        // guards the map, not the proxies
+    std::map<GUID_t, ReaderProxy*> m_MatchedReaderList;  // owned proxies
+    HeartbeatMessageRequest* m_PeriodicHeartbeat;        // owned; lives in the periodic scheduler
+    Mutex* m_MatchedReaderMutex;                         // guards the map, not the proxies
 };

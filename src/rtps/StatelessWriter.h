@@ -12,8 +12,7 @@
 #include "rtps/ReaderLocator.h"
 #include "rtps/Writer.h"
 
-class StatelessWriter : public Writer
-{
+class StatelessWriter : public Writer {
 public:
     StatelessWriter(const GUID_t& guidValue, const DataWriterQos& attributes,
                     RequestScheduler* const* pSchedulers);

@@ -7,8 +7,7 @@
 #include "rtps/CacheChange.h"
 #include "rtps/WriterEventSink.h"
 
-Writer::Writer(const GUID_t& guidValue, const DataWriterQos& attributes,
-               RequestScheduler* const* pSchedulers)
+Writer::Writer(const GUID_t& guidValue, const DataWriterQos& attributes, RequestScheduler* const* pSchedulers)
     : Endpoint(guidValue, uint32_t(attributes.reliability.kind)),
       pushMode(1),
       heartbeatPeriod(0, 200000000),
@@ -20,69 +19,57 @@ Writer::Writer(const GUID_t& guidValue, const DataWriterQos& attributes,
       m_DataWriter(nullptr),
       m_Qos(attributes),
       m_LastLivelinessTime(PublicClockNow()),
-      m_LivelinessActive(0)
-{
+      m_LivelinessActive(0) {
     m_Schedulers[0] = pSchedulers != nullptr ? pSchedulers[0] : nullptr;
     m_Schedulers[1] = pSchedulers != nullptr ? pSchedulers[1] : nullptr;
 }
 
 Writer::~Writer() {}
 
-int Writer::getEndpointDuration(Time_t& duration)
-{
+int Writer::getEndpointDuration(Time_t& duration) {
     duration = m_Duration;
     return 0;
 }
 
-RequestScheduler* Writer::getScheduler(int iIndex) const
-{
+RequestScheduler* Writer::getScheduler(int iIndex) const {
     return (iIndex == 0 || iIndex == 1) ? m_Schedulers[iIndex] : nullptr;
 }
 
-Time_t Writer::PublicClockNow()
-{
+Time_t Writer::PublicClockNow() {
     const uint32_t uiTicks = SystemClock::TickCountMs();
     return Time_t(int32_t(uiTicks / 1000), (uiTicks % 1000) * 1000000u);
 }
 
 CacheChange* Writer::new_change(const void* pData, uint32_t uiLength, uint16_t kind,
-                                const InstanceHandle_t& instanceHandle)
-{
+                                const InstanceHandle_t& instanceHandle) {
     CacheChange* pChange = new (std::nothrow) CacheChange();
-    if (pChange == nullptr)
-        return nullptr;
+    if (pChange == nullptr) return nullptr;
     pChange->kind = kind;
     pChange->instanceHandle = instanceHandle;
     pChange->writerGUID = guid;
     pChange->dataLength = uiLength;
     lastChangeSequenceNumber += 1;
     pChange->sequenceNumber = lastChangeSequenceNumber;
-    if (uiLength != 0)
-    {
+    if (uiLength != 0) {
         pChange->data = CacheChange::AllocData(uiLength);
-        if (pChange->data == nullptr)
-        {
+        if (pChange->data == nullptr) {
             // The number stays spent, as the DataWriterImpl's own counter has moved on.
             delete pChange;
             return nullptr;
         }
-        if (pData != nullptr)
-            memcpy(pChange->data, pData, uiLength);
+        if (pData != nullptr) memcpy(pChange->data, pData, uiLength);
     }
     return pChange;
 }
 
-void Writer::skipSequenceNumber()
-{
+void Writer::skipSequenceNumber() {
     lastChangeSequenceNumber += 1;
 }
 
-int Writer::checkLiveliness(Time_t now)
-{
+int Writer::checkLiveliness(Time_t now) {
     const Duration_t lease = m_Qos.liveliness.lease_duration;
     // An infinite lease never runs out; it is not added to a time.
-    if (lease == DURATION_INFINITE)
-        return 0;
+    if (lease == DURATION_INFINITE) return 0;
 
     bool bLost = false;
     m_LivelinessMutex.Lock();
@@ -91,25 +78,21 @@ int Writer::checkLiveliness(Time_t now)
     const int64_t expirySec =
         int64_t(m_LastLivelinessTime.sec) + int64_t(lease.sec) + int64_t(ns / 1000000000ULL);
     const uint64_t expiryNs = ns % 1000000000ULL;
-    const bool bExpired = expirySec < int64_t(now.sec) ||
-                          (expirySec == int64_t(now.sec) && expiryNs < uint64_t(now.nanosec));
-    if (bExpired && m_LivelinessActive == 1)
-    {
+    const bool bExpired =
+        expirySec < int64_t(now.sec) || (expirySec == int64_t(now.sec) && expiryNs < uint64_t(now.nanosec));
+    if (bExpired && m_LivelinessActive == 1) {
         m_LivelinessActive = 0;
         bLost = true;
     }
     m_LivelinessMutex.Unlock();
 
     // Outside the lock: the data writer runs the application's listener.
-    if (bLost)
-        notifyLivelinessLost();
+    if (bLost) notifyLivelinessLost();
     return 0;
 }
 
-int Writer::assertLiveliness(uint32_t uiKind)
-{
-    if (uint32_t(m_Qos.liveliness.kind) != uiKind)
-        return 0;
+int Writer::assertLiveliness(uint32_t uiKind) {
+    if (uint32_t(m_Qos.liveliness.kind) != uiKind) return 0;
     m_LivelinessMutex.Lock();
     m_LastLivelinessTime = PublicClockNow();
     m_LivelinessActive = 1;
@@ -117,25 +100,21 @@ int Writer::assertLiveliness(uint32_t uiKind)
     return 0;
 }
 
-uint8_t Writer::getLivelinessActive()
-{
+uint8_t Writer::getLivelinessActive() {
     m_LivelinessMutex.Lock();
     const uint8_t active = m_LivelinessActive;
     m_LivelinessMutex.Unlock();
     return active;
 }
 
-Time_t Writer::getLastLivelinessTime()
-{
+Time_t Writer::getLastLivelinessTime() {
     m_LivelinessMutex.Lock();
     const Time_t last = m_LastLivelinessTime;
     m_LivelinessMutex.Unlock();
     return last;
 }
 
-void Writer::notifyLivelinessLost()
-{
+void Writer::notifyLivelinessLost() {
     // The data writer counts the loss and calls its listener.
-    if (m_DataWriter != nullptr)
-        m_DataWriter->livelinessLost();
+    if (m_DataWriter != nullptr) m_DataWriter->livelinessLost();
 }

@@ -16,13 +16,11 @@ class HistoryCache;
 class RequestScheduler;
 class WriterEventSink;
 
-class Writer : public Endpoint
-{
+class Writer : public Endpoint {
 public:
     // pSchedulers: element 0 the immediate, element 1 the periodic scheduler
     // (may be null, giving no schedulers).
-    Writer(const GUID_t& guidValue, const DataWriterQos& attributes,
-           RequestScheduler* const* pSchedulers);
+    Writer(const GUID_t& guidValue, const DataWriterQos& attributes, RequestScheduler* const* pSchedulers);
     ~Writer() override;
 
     int getEndpointDuration(Time_t& duration) override;
@@ -66,17 +64,17 @@ protected:
     // Tells the DataWriterImpl that the lease was missed.
     void notifyLivelinessLost();
 
-    uint8_t pushMode;                // read by matched_reader_add to no effect
-    Time_t heartbeatPeriod;          // not used: heartbeats run on the scheduler's period
-    Time_t nackResponseDelay;        // not used: a NACK is answered at once
+    uint8_t pushMode;          // read by matched_reader_add to no effect
+    Time_t heartbeatPeriod;    // not used: heartbeats run on the scheduler's period
+    Time_t nackResponseDelay;  // not used: a NACK is answered at once
     SequenceNumber_t lastChangeSequenceNumber;
-    HistoryCache* m_WriterCache;     // owned by the DataWriterImpl
-    Time_t m_Duration;               // answered by getEndpointDuration
+    HistoryCache* m_WriterCache;  // owned by the DataWriterImpl
+    Time_t m_Duration;            // answered by getEndpointDuration
     SequenceNumber_t m_LastSeq;
-    WriterEventSink* m_DataWriter;   // not owned; the layer above
+    WriterEventSink* m_DataWriter;  // not owned; the layer above
     RequestScheduler* m_Schedulers[2];
     DataWriterQos m_Qos;
     Time_t m_LastLivelinessTime;
     uint8_t m_LivelinessActive;
-    Mutex m_LivelinessMutex;         // guards the two fields above
+    Mutex m_LivelinessMutex;  // guards the two fields above
 };

@@ -3,8 +3,7 @@
 // thread, outside the writer's liveliness lock.
 #pragma once
 
-class WriterEventSink
-{
+class WriterEventSink {
 public:
     virtual ~WriterEventSink() = default;
 

@@ -8,39 +8,31 @@
 #include "rtps/CacheChange.h"
 #include "rtps/Writer.h"
 
-namespace
-{
+namespace {
 // Both bitmaps stop here, the wire format's limit.
 const int64_t BITMAP_BITS_MAX = 256;
 // Fragment numbers are kept as 16-bit values: no walk over them needs more
 // steps than there are such values.
 const uint32_t FRAGMENT_NUMBER_VALUES = 65536;
 
-void SetBit(uint32_t* pBitmap, uint32_t uiOffset)
-{
+void SetBit(uint32_t* pBitmap, uint32_t uiOffset) {
     pBitmap[uiOffset / 32] |= 0x80000000u >> (uiOffset % 32);
 }
 
 // Adds the numbers uiFirst..uiLast to the set of missing fragments.
-void AddMissingFragments(std::set<uint16_t>& missing, uint32_t uiFirst, uint32_t uiLast)
-{
-    if (uiLast < uiFirst)
-        return;
+void AddMissingFragments(std::set<uint16_t>& missing, uint32_t uiFirst, uint32_t uiLast) {
+    if (uiLast < uiFirst) return;
     uint64_t ulSteps = uint64_t(uiLast) - uiFirst + 1;
-    if (ulSteps > FRAGMENT_NUMBER_VALUES)
-        ulSteps = FRAGMENT_NUMBER_VALUES;
-    for (uint64_t i = 0; i < ulSteps; ++i)
-        missing.insert(uint16_t(uiFirst + uint32_t(i)));
+    if (ulSteps > FRAGMENT_NUMBER_VALUES) ulSteps = FRAGMENT_NUMBER_VALUES;
+    for (uint64_t i = 0; i < ulSteps; ++i) missing.insert(uint16_t(uiFirst + uint32_t(i)));
 }
 
-int64_t ToNanoseconds(const Time_t& t)
-{
+int64_t ToNanoseconds(const Time_t& t) {
     return int64_t(t.sec) * 1000000000LL + int64_t(t.nanosec);
 }
-} // namespace
+}  // namespace
 
-WriterProxy::WriterProxy(const GUID_t& remoteWriterGuidValue,
-                         const std::list<Locator_t>& unicastLocators,
+WriterProxy::WriterProxy(const GUID_t& remoteWriterGuidValue, const std::list<Locator_t>& unicastLocators,
                          const std::list<Locator_t>& multicastLocators)
     : remoteWriterGuid(remoteWriterGuidValue),
       unicastLocatorList(unicastLocators),
@@ -50,58 +42,43 @@ WriterProxy::WriterProxy(const GUID_t& remoteWriterGuidValue,
       m_Qos(),
       m_Alive(1),
       m_LastAliveTime(Writer::PublicClockNow()),
-      m_DomainId(0)
-{
+      m_DomainId(0) {}
+
+WriterProxy::~WriterProxy() {
+    for (auto& entry : m_ChangesFromWriter) DeleteChange(entry.second.change);
 }
 
-WriterProxy::~WriterProxy()
-{
-    for (auto& entry : m_ChangesFromWriter)
-        DeleteChange(entry.second.change);
-}
-
-void WriterProxy::DeleteChange(CacheChange* pCacheChange)
-{
-    if (pCacheChange == nullptr)
-        return;
+void WriterProxy::DeleteChange(CacheChange* pCacheChange) {
+    if (pCacheChange == nullptr) return;
     CacheChange::FreeData(pCacheChange->data);
     pCacheChange->data = nullptr;
     delete pCacheChange;
 }
 
-void WriterProxy::setTopic(uint32_t uiDomainId, const std::string& strTopicName)
-{
+void WriterProxy::setTopic(uint32_t uiDomainId, const std::string& strTopicName) {
     m_DomainId = uiDomainId;
     m_TopicName = strTopicName;
 }
 
-bool WriterProxy::IsQueryTopic() const
-{
+bool WriterProxy::IsQueryTopic() const {
     DDSLogManagementFactory* pFactory = DDSLogManagementFactory::GetInstance();
     return pFactory != nullptr && pFactory->IsQueryTopic(int(m_DomainId), m_TopicName);
 }
 
-void WriterProxy::WriteLog(char* szLog) const
-{
-    DDSLogManagementFactory::WriteDDSLog(int(m_DomainId), szLog, strlen(szLog), DDSLOG_INFO,
-                                         GUID_UNKNOWN);
+void WriterProxy::WriteLog(char* szLog) const {
+    DDSLogManagementFactory::WriteDDSLog(int(m_DomainId), szLog, strlen(szLog), DDSLOG_INFO, GUID_UNKNOWN);
 }
 
-SequenceNumber_t WriterProxy::available_changes_max()
-{
-    if (!m_ChangesFromWriter.empty())
-    {
+SequenceNumber_t WriterProxy::available_changes_max() {
+    if (!m_ChangesFromWriter.empty()) {
         const SequenceNumber_t lastPlusOne = m_ChangesFromWriter.rbegin()->first + 1;
-        while (m_AvailableSeqNum != lastPlusOne)
-        {
+        while (m_AvailableSeqNum != lastPlusOne) {
             auto it = m_ChangesFromWriter.find(m_AvailableSeqNum + 1);
-            if (it == m_ChangesFromWriter.end() || it->second.status != ChangeFromWriter::RECEIVED)
-                break;
+            if (it == m_ChangesFromWriter.end() || it->second.status != ChangeFromWriter::RECEIVED) break;
             ++m_AvailableSeqNum;
         }
     }
-    if (IsQueryTopic())
-    {
+    if (IsQueryTopic()) {
         char szLog[200];
         snprintf(szLog, sizeof(szLog),
                  "[WriterProxy::available_changes_max] TopicName =%s m_AvailableSeqNum = %d,",
@@ -111,30 +88,24 @@ SequenceNumber_t WriterProxy::available_changes_max()
     return m_AvailableSeqNum;
 }
 
-void WriterProxy::available_change_next()
-{
+void WriterProxy::available_change_next() {
     ++m_AvailableSeqNum;
     // The change itself has gone to the reader cache.
     m_ChangesFromWriter.erase(m_AvailableSeqNum);
 }
 
-void WriterProxy::received_change(CacheChange* pCacheChange)
-{
+void WriterProxy::received_change(CacheChange* pCacheChange) {
     ChangeFromWriter& entry = change_entry(pCacheChange->sequenceNumber);
-    if (pCacheChange->dataLength < FRAGMENT_SIZE + 1)
-        entry.status = ChangeFromWriter::RECEIVED;
+    if (pCacheChange->dataLength < FRAGMENT_SIZE + 1) entry.status = ChangeFromWriter::RECEIVED;
     // A second copy of a parked number replaces the first, which nobody else holds.
-    if (entry.change != nullptr && entry.change != pCacheChange)
-        DeleteChange(entry.change);
+    if (entry.change != nullptr && entry.change != pCacheChange) DeleteChange(entry.change);
     entry.change = pCacheChange;
 }
 
-int WriterProxy::received_change_set(const SequenceNumber_t& seqNum)
-{
+int WriterProxy::received_change_set(const SequenceNumber_t& seqNum) {
     char szLog[200];
     auto it = m_ChangesFromWriter.find(seqNum);
-    if (it == m_ChangesFromWriter.end())
-    {
+    if (it == m_ChangesFromWriter.end()) {
         snprintf(szLog, sizeof(szLog),
                  "[WriterProxy::received_change_set] m_ChangesFromWriter.count(SeqNum(%d)) = 0",
                  int(seqNum.low));
@@ -142,10 +113,8 @@ int WriterProxy::received_change_set(const SequenceNumber_t& seqNum)
         return 1;
     }
     it->second.status = ChangeFromWriter::RECEIVED;
-    if (it->second.change == nullptr)
-        it->second.is_relevant = 0;
-    if (IsQueryTopic())
-    {
+    if (it->second.change == nullptr) it->second.is_relevant = 0;
+    if (IsQueryTopic()) {
         snprintf(szLog, sizeof(szLog),
                  "[WriterProxy::received_change_set] TopicName =%s received_change_set Seq = %d",
                  m_TopicName.c_str(), int(seqNum.low));
@@ -154,78 +123,56 @@ int WriterProxy::received_change_set(const SequenceNumber_t& seqNum)
     return 0;
 }
 
-void WriterProxy::irrelevant_change_set(const SequenceNumber_t& seqNum)
-{
+void WriterProxy::irrelevant_change_set(const SequenceNumber_t& seqNum) {
     ChangeFromWriter& entry = change_entry(seqNum);
     entry.is_relevant = 0;
     entry.status = ChangeFromWriter::RECEIVED;
-    if (seqNum == m_AvailableSeqNum + 1)
-        m_AvailableSeqNum = seqNum;
+    if (seqNum == m_AvailableSeqNum + 1) m_AvailableSeqNum = seqNum;
 }
 
-int WriterProxy::missing_changes_update(const SequenceNumber_t& firstSN,
-                                        const SequenceNumber_t& lastSN)
-{
+int WriterProxy::missing_changes_update(const SequenceNumber_t& firstSN, const SequenceNumber_t& lastSN) {
     SequenceNumber_t seqNum = m_AvailableSeqNum + 1;
-    if (firstSN > seqNum)
-        seqNum = firstSN;
-    for (; seqNum <= lastSN; ++seqNum)
-    {
+    if (firstSN > seqNum) seqNum = firstSN;
+    for (; seqNum <= lastSN; ++seqNum) {
         auto it = m_ChangesFromWriter.find(seqNum);
-        if (it == m_ChangesFromWriter.end())
-            m_ChangesFromWriter[seqNum].status = ChangeFromWriter::MISSING;
+        if (it == m_ChangesFromWriter.end()) m_ChangesFromWriter[seqNum].status = ChangeFromWriter::MISSING;
     }
     return 0;
 }
 
-void WriterProxy::lost_changes_update(const SequenceNumber_t& firstSN)
-{
-    if (firstSN > m_AvailableSeqNum)
-        m_AvailableSeqNum = firstSN - 1;
+void WriterProxy::lost_changes_update(const SequenceNumber_t& firstSN) {
+    if (firstSN > m_AvailableSeqNum) m_AvailableSeqNum = firstSN - 1;
     auto it = m_ChangesFromWriter.begin();
-    while (it != m_ChangesFromWriter.end() && it->first < firstSN)
-    {
-        if (it->second.status == ChangeFromWriter::MISSING ||
-            it->second.status == ChangeFromWriter::UNKNOWN)
+    while (it != m_ChangesFromWriter.end() && it->first < firstSN) {
+        if (it->second.status == ChangeFromWriter::MISSING || it->second.status == ChangeFromWriter::UNKNOWN)
             it->second.status = ChangeFromWriter::LOST;
         DeleteChange(it->second.change);
         it = m_ChangesFromWriter.erase(it);
     }
 }
 
-void WriterProxy::unknown_changes_update(const SequenceNumber_t& lastSN)
-{
-    for (auto it = m_ChangesFromWriter.begin();
-         it != m_ChangesFromWriter.end() && it->first <= lastSN; ++it)
-    {
-        if (it->second.status == ChangeFromWriter::UNKNOWN)
-            it->second.status = ChangeFromWriter::MISSING;
+void WriterProxy::unknown_changes_update(const SequenceNumber_t& lastSN) {
+    for (auto it = m_ChangesFromWriter.begin(); it != m_ChangesFromWriter.end() && it->first <= lastSN;
+         ++it) {
+        if (it->second.status == ChangeFromWriter::UNKNOWN) it->second.status = ChangeFromWriter::MISSING;
     }
 }
 
-void WriterProxy::missing_changes(SequenceNumberSet& set)
-{
-    for (const auto& entry : m_ChangesFromWriter)
-    {
-        if (entry.second.status != ChangeFromWriter::MISSING)
-            continue;
-        if (set.numBits == 0)
-            set.bitmapBase = entry.first;
+void WriterProxy::missing_changes(SequenceNumberSet& set) {
+    for (const auto& entry : m_ChangesFromWriter) {
+        if (entry.second.status != ChangeFromWriter::MISSING) continue;
+        if (set.numBits == 0) set.bitmapBase = entry.first;
         const int64_t offset = entry.first.ToInt64() - set.bitmapBase.ToInt64();
-        if (offset >= BITMAP_BITS_MAX)
-            break;
+        if (offset >= BITMAP_BITS_MAX) break;
         SetBit(set.bitmap, uint32_t(offset));
         set.numBits = uint32_t(offset) + 1;
     }
-    if (set.numBits == 0)
-        set.bitmapBase = m_AvailableSeqNum + 1;
+    if (set.numBits == 0) set.bitmapBase = m_AvailableSeqNum + 1;
 }
 
-CacheChange* WriterProxy::getAvailableChanges(const SequenceNumber_t& maxSeq)
-{
+CacheChange* WriterProxy::getAvailableChanges(const SequenceNumber_t& maxSeq) {
     char szLog[200];
-    if (m_ChangesFromWriter.empty())
-    {
+    if (m_ChangesFromWriter.empty()) {
         snprintf(szLog, sizeof(szLog),
                  "[WriterProxy::getAvailableChanges] m_ChangesFromWriter.size = 0,TopicName =%s "
                  "and maxAvailableNum = %d",
@@ -233,32 +180,26 @@ CacheChange* WriterProxy::getAvailableChanges(const SequenceNumber_t& maxSeq)
         WriteLog(szLog);
         return nullptr;
     }
-    if (m_ChangesFromWriter.begin()->first > maxSeq)
-    {
+    if (m_ChangesFromWriter.begin()->first > maxSeq) {
         snprintf(szLog, sizeof(szLog),
                  "[WriterProxy::getAvailableChanges] TopicName = %s "
                  "m_ChangesFromWriter.begin(%d)> maxAvailableNum(%d) ",
-                 m_TopicName.c_str(), int(m_ChangesFromWriter.begin()->first.low),
-                 int(maxSeq.low));
+                 m_TopicName.c_str(), int(m_ChangesFromWriter.begin()->first.low), int(maxSeq.low));
         WriteLog(szLog);
-        if (IsQueryTopic())
-            WriteLog(szLog);
+        if (IsQueryTopic()) WriteLog(szLog);
         return nullptr;
     }
     // Once started, the walk hands over the next relevant change whatever its number.
-    while (!m_ChangesFromWriter.empty())
-    {
+    while (!m_ChangesFromWriter.empty()) {
         auto it = m_ChangesFromWriter.begin();
-        if (IsQueryTopic())
-        {
+        if (IsQueryTopic()) {
             snprintf(szLog, sizeof(szLog),
                      "[getAvailableChanges] TopicName =%s maxAvailableNum = "
                      "%d,m_ChangesFromWriter.begin()->first = %d",
                      m_TopicName.c_str(), int(maxSeq.low), int(it->first.low));
             WriteLog(szLog);
         }
-        if (it->second.is_relevant != 0)
-        {
+        if (it->second.is_relevant != 0) {
             CacheChange* pCacheChange = it->second.change;
             m_ChangesFromWriter.erase(it);
             return pCacheChange;
@@ -270,25 +211,20 @@ CacheChange* WriterProxy::getAvailableChanges(const SequenceNumber_t& maxSeq)
     return nullptr;
 }
 
-ChangeFromWriter& WriterProxy::change_entry(const SequenceNumber_t& seqNum)
-{
+ChangeFromWriter& WriterProxy::change_entry(const SequenceNumber_t& seqNum) {
     return m_ChangesFromWriter[seqNum];
 }
 
-void WriterProxy::remove_oldest_changes(uint32_t uiCount)
-{
-    while (m_ChangesFromWriter.size() > uiCount)
-    {
+void WriterProxy::remove_oldest_changes(uint32_t uiCount) {
+    while (m_ChangesFromWriter.size() > uiCount) {
         auto it = m_ChangesFromWriter.begin();
         DeleteChange(it->second.change);
         m_ChangesFromWriter.erase(it);
     }
 }
 
-void WriterProxy::fragment_nack(StatefulReader* pReader, RequestScheduler* pScheduler)
-{
-    for (auto& entry : m_ChangesFromWriter)
-    {
+void WriterProxy::fragment_nack(StatefulReader* pReader, RequestScheduler* pScheduler) {
+    for (auto& entry : m_ChangesFromWriter) {
         CacheChange* pFragDataCache = entry.second.change;
         if (entry.second.status != ChangeFromWriter::MISSING || pFragDataCache == nullptr ||
             pFragDataCache->dataLength < FRAGMENT_SIZE)
@@ -296,51 +232,41 @@ void WriterProxy::fragment_nack(StatefulReader* pReader, RequestScheduler* pSche
         FragmentNumberSet set;
         fragment_set(pFragDataCache, set);
         // A store whose fragments have all come has nothing to ask for.
-        if (set.numBits != 0)
-            SendNackFrag(pReader, pScheduler, entry.first, set);
+        if (set.numBits != 0) SendNackFrag(pReader, pScheduler, entry.first, set);
     }
 }
 
-void WriterProxy::fragment_set(CacheChange* pFragDataCache, FragmentNumberSet& set)
-{
+void WriterProxy::fragment_set(CacheChange* pFragDataCache, FragmentNumberSet& set) {
     // Fragments past the highest one seen stay requested until they come; with
     // a count one too high, the last of them is requested in vain.
     if (pFragDataCache->fragmentCount != pFragDataCache->highestFragment)
         AddMissingFragments(pFragDataCache->missingFragments, pFragDataCache->highestFragment + 1,
                             pFragDataCache->fragmentCount);
     const std::set<uint16_t>& missing = pFragDataCache->missingFragments;
-    if (missing.empty())
-        return;
+    if (missing.empty()) return;
     set.bitmapBase = *missing.begin();
-    for (uint16_t fragmentNum : missing)
-    {
+    for (uint16_t fragmentNum : missing) {
         const uint32_t uiOffset = uint32_t(fragmentNum) - set.bitmapBase;
-        if (uiOffset >= BITMAP_BITS_MAX)
-            break;
-        printf("loss Frag Data %d Seq = %d\n", int(fragmentNum),
-               int(pFragDataCache->sequenceNumber.low));
+        if (uiOffset >= BITMAP_BITS_MAX) break;
+        printf("loss Frag Data %d Seq = %d\n", int(fragmentNum), int(pFragDataCache->sequenceNumber.low));
         SetBit(set.bitmap, uiOffset);
         set.numBits = uiOffset + 1;
     }
 }
 
 void WriterProxy::SendNackFrag(StatefulReader*, RequestScheduler*, const SequenceNumber_t&,
-                               const FragmentNumberSet&)
-{
+                               const FragmentNumberSet&) {
     // joins with the reliable protocol work: a NackFragMessageRequest with this
     // number and set, given the proxy's topic and domain, added to the scheduler.
 }
 
-int WriterProxy::check_alive(const Time_t& now, const Duration_t& lease)
-{
+int WriterProxy::check_alive(const Time_t& now, const Duration_t& lease) {
     const bool bExpired = ToNanoseconds(m_LastAliveTime) + ToNanoseconds(lease) < ToNanoseconds(now);
-    if (bExpired && m_Alive != 0)
-    {
+    if (bExpired && m_Alive != 0) {
         m_Alive = 0;
         return -1;
     }
-    if (!bExpired && m_Alive == 0)
-    {
+    if (!bExpired && m_Alive == 0) {
         m_Alive = 1;
         return 1;
     }

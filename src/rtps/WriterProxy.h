@@ -17,20 +17,18 @@ class RequestScheduler;
 class StatefulReader;
 
 // State of one number of the remote writer.
-struct ChangeFromWriter
-{
-    static constexpr uint32_t LOST = 0;     // transient: set just before the entry is erased
-    static constexpr uint32_t MISSING = 1;  // announced by a heartbeat, not received
-    static constexpr uint32_t RECEIVED = 2; // received, or passed over by a gap
-    static constexpr uint32_t UNKNOWN = 3;  // no heartbeat has covered it yet
+struct ChangeFromWriter {
+    static constexpr uint32_t LOST = 0;      // transient: set just before the entry is erased
+    static constexpr uint32_t MISSING = 1;   // announced by a heartbeat, not received
+    static constexpr uint32_t RECEIVED = 2;  // received, or passed over by a gap
+    static constexpr uint32_t UNKNOWN = 3;   // no heartbeat has covered it yet
 
     uint32_t status = UNKNOWN;
     uint8_t is_relevant = 1;
-    CacheChange* change = nullptr; // parked change or reassembly store; owned by the proxy
+    CacheChange* change = nullptr;  // parked change or reassembly store; owned by the proxy
 };
 
-class WriterProxy
-{
+class WriterProxy {
 public:
     WriterProxy(const GUID_t& remoteWriterGuid, const std::list<Locator_t>& unicastLocators,
                 const std::list<Locator_t>& multicastLocators);
@@ -92,8 +90,7 @@ public:
     const std::list<Locator_t>& getUnicastLocatorList() const { return unicastLocatorList; }
     const std::list<Locator_t>& getMulticastLocatorList() const { return multicastLocatorList; }
     SequenceNumber_t getAvailableSeqNum() const { return m_AvailableSeqNum; }
-    const std::map<SequenceNumber_t, ChangeFromWriter>& getChangesFromWriter() const
-    {
+    const std::map<SequenceNumber_t, ChangeFromWriter>& getChangesFromWriter() const {
         return m_ChangesFromWriter;
     }
     uint32_t getDomainId() const { return m_DomainId; }
@@ -108,13 +105,13 @@ protected:
     std::list<Locator_t> multicastLocatorList;
     // Only numbers above m_AvailableSeqNum stay, but for those passed and not yet handed over.
     std::map<SequenceNumber_t, ChangeFromWriter> m_ChangesFromWriter;
-    SequenceNumber_t m_AvailableSeqNum; // all up to here delivered or passed over
-    uint32_t m_LastHeartbeatCount;      // ends the preemptive ACKNACK
+    SequenceNumber_t m_AvailableSeqNum;  // all up to here delivered or passed over
+    uint32_t m_LastHeartbeatCount;       // ends the preemptive ACKNACK
     DataWriterQos m_Qos;
     uint8_t m_Alive;
-    Time_t m_LastAliveTime;             // public clock
-    uint32_t m_DomainId;                // log key
-    std::string m_TopicName;            // log texts only
+    Time_t m_LastAliveTime;   // public clock
+    uint32_t m_DomainId;      // log key
+    std::string m_TopicName;  // log texts only
 
 private:
     // Builds the NACK_FRAG request for one sample and queues it on pScheduler.

@@ -33,10 +33,8 @@
 #include "requests/ImmeditRequestScheduler.h"
 #include "rtps/Participant.h"
 
-namespace
-{
-GUID_t MakeGuid(int iDomain, uint32_t uiParticipantId)
-{
+namespace {
+GUID_t MakeGuid(int iDomain, uint32_t uiParticipantId) {
     GUID_t guid = GUID_UNKNOWN;
     std::memcpy(&guid.guidPrefix.value[4], &iDomain, 4);
     std::memcpy(&guid.guidPrefix.value[8], &uiParticipantId, 4);
@@ -45,52 +43,41 @@ GUID_t MakeGuid(int iDomain, uint32_t uiParticipantId)
 }
 
 // Entries of a /proc directory, "." and ".." left out.
-std::vector<std::string> ListDir(const char* szPath)
-{
+std::vector<std::string> ListDir(const char* szPath) {
     std::vector<std::string> entries;
     DIR* pDir = opendir(szPath);
-    if (pDir == nullptr)
-        return entries;
-    while (dirent* pEntry = readdir(pDir))
-    {
-        if (pEntry->d_name[0] != '.')
-            entries.push_back(pEntry->d_name);
+    if (pDir == nullptr) return entries;
+    while (dirent* pEntry = readdir(pDir)) {
+        if (pEntry->d_name[0] != '.') entries.push_back(pEntry->d_name);
     }
     closedir(pDir);
     return entries;
 }
 
-size_t ThreadCount()
-{
+size_t ThreadCount() {
     return ListDir("/proc/self/task").size();
 }
 
-size_t FdCount()
-{
+size_t FdCount() {
     return ListDir("/proc/self/fd").size();
 }
 
-bool HasThread(const std::string& strName)
-{
-    for (const std::string& strTask : ListDir("/proc/self/task"))
-    {
+bool HasThread(const std::string& strName) {
+    for (const std::string& strTask : ListDir("/proc/self/task")) {
         std::ifstream comm("/proc/self/task/" + strTask + "/comm");
         std::string strComm;
-        if (std::getline(comm, strComm) && strComm == strName)
-            return true;
+        if (std::getline(comm, strComm) && strComm == strName) return true;
     }
     return false;
 }
 
 // Local UDP ports bound in this namespace, from /proc/net/udp.
-std::vector<unsigned> BoundUdpPorts()
-{
+std::vector<unsigned> BoundUdpPorts() {
     std::vector<unsigned> ports;
     std::ifstream table("/proc/net/udp");
     std::string strLine;
-    std::getline(table, strLine);   // header
-    while (std::getline(table, strLine))
-    {
+    std::getline(table, strLine);  // header
+    while (std::getline(table, strLine)) {
         std::istringstream fields(strLine);
         std::string strSlot, strLocal;
         fields >> strSlot >> strLocal;
@@ -101,11 +88,9 @@ std::vector<unsigned> BoundUdpPorts()
     return ports;
 }
 
-bool SendDatagram(const char* szAddress, unsigned uiPort, const std::string& strPayload)
-{
+bool SendDatagram(const char* szAddress, unsigned uiPort, const std::string& strPayload) {
     const int iSocket = socket(AF_INET, SOCK_DGRAM, 0);
-    if (iSocket < 0)
-        return false;
+    if (iSocket < 0) return false;
     sockaddr_in to;
     std::memset(&to, 0, sizeof(to));
     to.sin_family = AF_INET;
@@ -119,39 +104,34 @@ bool SendDatagram(const char* szAddress, unsigned uiPort, const std::string& str
 
 // Runs receive passes on this thread (no receive thread is started) until the ring holds
 // a record, then reads it. Empty when nothing came within the passes.
-std::string ReceiveOne(Participant& participant)
-{
+std::string ReceiveOne(Participant& participant) {
     ReceiveBuffer* pRing = participant.getReceiveBuffer();
     for (int iPass = 0; iPass < 5 && pRing->GetAvailableLength() == pRing->GetLength(); ++iPass)
         participant.getMessageTransmitter()->ReceiveMessage();
     std::vector<octet> buffer(ReceiveBuffer::READ_DESTINATION_SIZE);
     uint32_t uiLength = 0;
-    if (pRing->Read(buffer.data(), uiLength, uint32_t(buffer.size())) != 0)
-        return std::string();
+    if (pRing->Read(buffer.data(), uiLength, uint32_t(buffer.size())) != 0) return std::string();
     return std::string(reinterpret_cast<const char*>(buffer.data()), uiLength);
 }
 
 const int kDomain = 3;
 const uint32_t kParticipantId = 5;
 
-std::unique_ptr<Participant> MakeParticipant(DomainParticipantQos& qos, uint32_t uiParticipantId)
-{
+std::unique_ptr<Participant> MakeParticipant(DomainParticipantQos& qos, uint32_t uiParticipantId) {
     std::unique_ptr<Participant> pParticipant(
         new Participant(MakeGuid(kDomain, uiParticipantId), nullptr, kDomain, &qos));
     EXPECT_EQ(pParticipant->initParticipant(), 0);
     return pParticipant;
 }
 
-TEST(ParticipantNet, ThreePortsBoundAndReceiving)
-{
+TEST(ParticipantNet, ThreePortsBoundAndReceiving) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     DomainParticipantQos qos;
     auto pParticipant = MakeParticipant(qos, kParticipantId);
     const unsigned auiPorts[] = {7400 + 250 * kDomain, 7410 + 250 * kDomain + 2 * kParticipantId,
                                  7411 + 250 * kDomain + 2 * kParticipantId};
     const std::vector<unsigned> bound = BoundUdpPorts();
-    for (unsigned uiPort : auiPorts)
-    {
+    for (unsigned uiPort : auiPorts) {
         EXPECT_NE(std::find(bound.begin(), bound.end(), uiPort), bound.end()) << uiPort;
         const std::string strPayload = "to port " + std::to_string(uiPort);
         ASSERT_TRUE(SendDatagram("127.0.0.1", uiPort, strPayload));
@@ -162,8 +142,7 @@ TEST(ParticipantNet, ThreePortsBoundAndReceiving)
     EXPECT_EQ(0, std::memcmp(pParticipant->getGuidPrefix().value, aLoopback, 4));
 }
 
-TEST(ParticipantNet, JoinedDefaultGroup)
-{
+TEST(ParticipantNet, JoinedDefaultGroup) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     DomainParticipantQos qos;
     auto pParticipant = MakeParticipant(qos, kParticipantId);
@@ -173,8 +152,7 @@ TEST(ParticipantNet, JoinedDefaultGroup)
     EXPECT_EQ(ReceiveOne(*pParticipant), "to the group");
 }
 
-TEST(ParticipantNet, ThreadsStopInOrder)
-{
+TEST(ParticipantNet, ThreadsStopInOrder) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     DomainParticipantQos qos;
     auto pParticipant = MakeParticipant(qos, kParticipantId);
@@ -189,13 +167,11 @@ TEST(ParticipantNet, ThreadsStopInOrder)
     EXPECT_TRUE(pParticipant->getMessageProcessor()->IsStopped());
     EXPECT_EQ(pParticipant->stopSendThread(), 0);
     EXPECT_EQ(pParticipant->getImmeditRequestScheduler()->GetStoppedFlag(), 1);
-    EXPECT_TRUE(WaitFor([] { return !HasThread("3_SEND") && !HasThread("3_RECV") &&
-                                    !HasThread("3_DIST"); },
-                        5000));
+    EXPECT_TRUE(
+        WaitFor([] { return !HasThread("3_SEND") && !HasThread("3_RECV") && !HasThread("3_DIST"); }, 5000));
 }
 
-TEST(ParticipantNet, CreateAndDeleteTakeMillisecondsNotSeconds)
-{
+TEST(ParticipantNet, CreateAndDeleteTakeMillisecondsNotSeconds) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     using Clock = std::chrono::steady_clock;
     auto msSince = [](Clock::time_point start) {
@@ -219,12 +195,11 @@ TEST(ParticipantNet, CreateAndDeleteTakeMillisecondsNotSeconds)
     pParticipant.reset();
     const long long llDeleteMs = msSince(start);
     EXPECT_LT(llDeleteMs, 200);
-    EXPECT_LT(llCreateMs + llDeleteMs, 300) << "create " << llCreateMs << " ms, delete "
-                                            << llDeleteMs << " ms";
+    EXPECT_LT(llCreateMs + llDeleteMs, 300)
+        << "create " << llCreateMs << " ms, delete " << llDeleteMs << " ms";
 }
 
-void RunAndDelete(uint32_t uiParticipantId)
-{
+void RunAndDelete(uint32_t uiParticipantId) {
     DomainParticipantQos qos;
     auto pParticipant = MakeParticipant(qos, uiParticipantId);
     ASSERT_EQ(pParticipant->startThreads(), 0);
@@ -238,19 +213,16 @@ void RunAndDelete(uint32_t uiParticipantId)
     EXPECT_EQ(pParticipant->stopSendThread(), 0);
 }
 
-TEST(ParticipantNet, CreateDeleteCycleLeavesNothing)
-{
+TEST(ParticipantNet, CreateDeleteCycleLeavesNothing) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     // A first cycle lets process-wide helpers start (a sanitizer's own thread, say), so
     // that the counts compare cycles only.
     RunAndDelete(kParticipantId);
-    ASSERT_TRUE(WaitFor([] { return !HasThread("3_SEND") && !HasThread("3_RECV") &&
-                                    !HasThread("3_DIST"); },
-                        5000));
+    ASSERT_TRUE(
+        WaitFor([] { return !HasThread("3_SEND") && !HasThread("3_RECV") && !HasThread("3_DIST"); }, 5000));
     const size_t uiThreadsBefore = ThreadCount();
     const size_t uiFdsBefore = FdCount();
-    for (uint32_t i = 1; i <= 20; ++i)
-        RunAndDelete(kParticipantId + i);
+    for (uint32_t i = 1; i <= 20; ++i) RunAndDelete(kParticipantId + i);
     // The threads are detached and end just after raising their stopped flags.
     EXPECT_TRUE(WaitFor([&] { return ThreadCount() == uiThreadsBefore; }, 5000))
         << ThreadCount() << " threads, " << uiThreadsBefore << " before";
@@ -259,8 +231,7 @@ TEST(ParticipantNet, CreateDeleteCycleLeavesNothing)
 
 // The public road: participants with a writer and a reader, each with a deadline timer,
 // created and deleted through the factory, leave no thread (timers included) or socket.
-TEST(ParticipantNet, FiftyFactoryParticipantsWithEntitiesLeaveNothingBehind)
-{
+TEST(ParticipantNet, FiftyFactoryParticipantsWithEntitiesLeaveNothingBehind) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     DomainParticipantFactory* pFactory = DomainParticipantFactory::get_instance();
     auto cycle = [pFactory] {
@@ -290,4 +261,4 @@ TEST(ParticipantNet, FiftyFactoryParticipantsWithEntitiesLeaveNothingBehind)
     EXPECT_EQ(FdCount(), uiFdsBefore);
     EXPECT_EQ(pFactory->lookup_participant(9), nullptr);
 }
-} // namespace
+}  // namespace

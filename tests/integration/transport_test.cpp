@@ -25,17 +25,14 @@
 #include "messages/MessageTransmitterUDP.h"
 #include "messages/ReceiveBuffer.h"
 
-namespace
-{
+namespace {
 using Clock = std::chrono::steady_clock;
 
-long long ElapsedMs(Clock::time_point start)
-{
+long long ElapsedMs(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-Locator_t MakeLocator(int a, int b, int c, int d, uint32_t uiPort)
-{
+Locator_t MakeLocator(int a, int b, int c, int d, uint32_t uiPort) {
     Locator_t locator;
     locator.kind = LOCATOR_KIND_UDPv4;
     locator.port = uiPort;
@@ -43,30 +40,24 @@ Locator_t MakeLocator(int a, int b, int c, int d, uint32_t uiPort)
     return locator;
 }
 
-uint32_t NetworkOrder(const Locator_t& locator)
-{
+uint32_t NetworkOrder(const Locator_t& locator) {
     uint32_t uiAddress = 0;
     std::memcpy(&uiAddress, &locator.address[12], 4);
     return uiAddress;
 }
 
-std::vector<octet> Payload(size_t uiLength, octet seed)
-{
+std::vector<octet> Payload(size_t uiLength, octet seed) {
     std::vector<octet> data(uiLength);
-    for (size_t i = 0; i < uiLength; ++i)
-        data[i] = static_cast<octet>(seed ^ (i * 13));
+    for (size_t i = 0; i < uiLength; ++i) data[i] = static_cast<octet>(seed ^ (i * 13));
     return data;
 }
 
 // Reads one record, giving the ring up to three of its one-second waits.
-bool ReadRecord(ReceiveBuffer& ring, std::vector<octet>& out)
-{
+bool ReadRecord(ReceiveBuffer& ring, std::vector<octet>& out) {
     out.assign(65536, 0);
-    for (int i = 0; i < 3; ++i)
-    {
+    for (int i = 0; i < 3; ++i) {
         uint32_t uiLength = 0;
-        if (ring.Read(out.data(), uiLength) == 0)
-        {
+        if (ring.Read(out.data(), uiLength) == 0) {
             out.resize(uiLength);
             return true;
         }
@@ -74,56 +65,45 @@ bool ReadRecord(ReceiveBuffer& ring, std::vector<octet>& out)
     return false;
 }
 
-class LogCapture
-{
+class LogCapture {
 public:
     LogCapture() { SetLogObserver(&LogCapture::Observe, this); }
     ~LogCapture() { SetLogObserver(nullptr, nullptr); }
 
-    int Count(const std::string& text)
-    {
+    int Count(const std::string& text) {
         std::lock_guard<std::mutex> lock(m_Mutex);
         int n = 0;
-        for (const Entry& e : m_Entries)
-            n += e.text == text ? 1 : 0;
+        for (const Entry& e : m_Entries) n += e.text == text ? 1 : 0;
         return n;
     }
-    int CountPrefix(const std::string& prefix)
-    {
+    int CountPrefix(const std::string& prefix) {
         std::lock_guard<std::mutex> lock(m_Mutex);
         int n = 0;
-        for (const Entry& e : m_Entries)
-            n += e.text.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
+        for (const Entry& e : m_Entries) n += e.text.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
         return n;
     }
-    std::vector<int> CodesOf(const std::string& text)
-    {
+    std::vector<int> CodesOf(const std::string& text) {
         std::lock_guard<std::mutex> lock(m_Mutex);
         std::vector<int> codes;
         for (const Entry& e : m_Entries)
-            if (e.text == text)
-                codes.push_back(e.code);
+            if (e.text == text) codes.push_back(e.code);
         return codes;
     }
-    std::vector<int> KeysOf(const std::string& text)
-    {
+    std::vector<int> KeysOf(const std::string& text) {
         std::lock_guard<std::mutex> lock(m_Mutex);
         std::vector<int> keys;
         for (const Entry& e : m_Entries)
-            if (e.text == text)
-                keys.push_back(e.key);
+            if (e.text == text) keys.push_back(e.key);
         return keys;
     }
 
 private:
-    struct Entry
-    {
+    struct Entry {
         int key;
         int code;
         std::string text;
     };
-    static void Observe(void* context, int key, const char* text, size_t length, int code)
-    {
+    static void Observe(void* context, int key, const char* text, size_t length, int code) {
         LogCapture* self = static_cast<LogCapture*>(context);
         std::lock_guard<std::mutex> lock(self->m_Mutex);
         self->m_Entries.push_back(Entry{key, code, std::string(text, length)});
@@ -134,11 +114,9 @@ private:
 
 // Runs TransmitRun on a wrapper thread, as the participant does, and stops it
 // by the flag protocol when it goes out of scope.
-class ReceiveThread
-{
+class ReceiveThread {
 public:
-    explicit ReceiveThread(MessageTransmitter& transmitter) : m_Transmitter(transmitter)
-    {
+    explicit ReceiveThread(MessageTransmitter& transmitter) : m_Transmitter(transmitter) {
         m_Started = m_Thread.Start(&MessageTransmitter::TransmitRun,
                                    static_cast<MessageTransmitter*>(&transmitter), 0, "0_RECV") == 0;
     }
@@ -146,19 +124,15 @@ public:
 
     // Clears the run flag (with bWake, by RequestStop, which also wakes the wait)
     // and polls the stopped flag every 10 ms, bounded. Returns the time it took.
-    long long Stop(bool bWake = false)
-    {
-        if (!m_Started || m_Stopped)
-            return 0;
+    long long Stop(bool bWake = false) {
+        if (!m_Started || m_Stopped) return 0;
         Clock::time_point start = Clock::now();
         if (bWake)
             m_Transmitter.RequestStop();
         else
             m_Transmitter.SetRunFlag(false);
-        while (m_Transmitter.GetStoppedFlag() == 0)
-        {
-            if (ElapsedMs(start) > 5000)
-            {
+        while (m_Transmitter.GetStoppedFlag() == 0) {
+            if (ElapsedMs(start) > 5000) {
                 ADD_FAILURE() << "receive thread did not stop";
                 // The transmitter must outlive the thread: never free it now.
                 std::abort();
@@ -177,16 +151,14 @@ private:
     bool m_Stopped = false;
 };
 
-struct Node
-{
+struct Node {
     explicit Node(uint32_t uiRingSize = 1 << 20) : ring(uiRingSize), transmitter(&ring) {}
     ReceiveBuffer ring;
     MessageTransmitterUDP transmitter;
 };
-} // namespace
+}  // namespace
 
-TEST(MessageTransmitterUDP_unicast, DatagramArrivesIntactInTheReceiversRing)
-{
+TEST(MessageTransmitterUDP_unicast, DatagramArrivesIntactInTheReceiversRing) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     Node sender;
     Node receiver;
@@ -196,21 +168,19 @@ TEST(MessageTransmitterUDP_unicast, DatagramArrivesIntactInTheReceiversRing)
     ASSERT_TRUE(thread.Started());
 
     // A small message and one of the largest a DATA_FRAG message makes.
-    for (size_t uiSize : {size_t(100), size_t(64512 + 60)})
-    {
+    for (size_t uiSize : {size_t(100), size_t(64512 + 60)}) {
         SCOPED_TRACE(uiSize);
         std::vector<octet> payload = Payload(uiSize, static_cast<octet>(uiSize));
-        ASSERT_EQ(0, sender.transmitter.MessageSend(MakeLocator(127, 0, 0, 1, 0),
-                                                    MakeLocator(127, 0, 0, 1, 17001), payload.data(),
-                                                    static_cast<uint32_t>(uiSize)));
+        ASSERT_EQ(
+            0, sender.transmitter.MessageSend(MakeLocator(127, 0, 0, 1, 0), MakeLocator(127, 0, 0, 1, 17001),
+                                              payload.data(), static_cast<uint32_t>(uiSize)));
         std::vector<octet> received;
         ASSERT_TRUE(ReadRecord(receiver.ring, received));
         EXPECT_EQ(payload, received);
     }
 }
 
-TEST(MessageTransmitterUDP_unicast, ListsSendOnceFromEverySourceToEveryDestination)
-{
+TEST(MessageTransmitterUDP_unicast, ListsSendOnceFromEverySourceToEveryDestination) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node sender;
@@ -224,13 +194,11 @@ TEST(MessageTransmitterUDP_unicast, ListsSendOnceFromEverySourceToEveryDestinati
     // The third source was never added: its pairs fail, the others still go.
     std::list<Locator_t> sources = {MakeLocator(127, 0, 0, 1, 0), MakeLocator(10, 1, 2, 3, 0),
                                     MakeLocator(127, 0, 0, 2, 0)};
-    std::list<Locator_t> destinations = {MakeLocator(127, 0, 0, 1, 17011),
-                                         MakeLocator(127, 0, 0, 1, 17012)};
+    std::list<Locator_t> destinations = {MakeLocator(127, 0, 0, 1, 17011), MakeLocator(127, 0, 0, 1, 17012)};
     std::vector<octet> payload = Payload(300, 1);
     EXPECT_EQ(0, sender.transmitter.MessageSend(sources, destinations, payload.data(), 300));
 
-    for (int i = 0; i < 4; ++i)
-    {
+    for (int i = 0; i < 4; ++i) {
         std::vector<octet> received;
         ASSERT_TRUE(ReadRecord(receiver.ring, received)) << "datagram " << i;
         EXPECT_EQ(payload, received);
@@ -241,15 +209,14 @@ TEST(MessageTransmitterUDP_unicast, ListsSendOnceFromEverySourceToEveryDestinati
     EXPECT_EQ(1, receiver.ring.Read(extra.data(), uiEmpty));
 }
 
-TEST(MessageTransmitterUDP_unicast, SendFromUnknownAddressFailsWith51)
-{
+TEST(MessageTransmitterUDP_unicast, SendFromUnknownAddressFailsWith51) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node sender;
     Locator_t unknown = MakeLocator(127, 0, 0, 9, 0);
     std::vector<octet> payload = Payload(10, 2);
-    EXPECT_EQ(51, sender.transmitter.MessageSend(unknown, MakeLocator(127, 0, 0, 1, 17015),
-                                                 payload.data(), 10));
+    EXPECT_EQ(51,
+              sender.transmitter.MessageSend(unknown, MakeLocator(127, 0, 0, 1, 17015), payload.data(), 10));
     char szExpected[200];
     snprintf(szExpected, sizeof(szExpected),
              "[MessageTransmitterUDP::MessageSend] and Errorno = %d and SrcAdd:%d.%d dst:%X.%d", EBADF,
@@ -266,8 +233,7 @@ TEST(MessageTransmitterUDP_unicast, SendFromUnknownAddressFailsWith51)
     EXPECT_EQ(51, sender.transmitter.MessageSend(&unknown, &destination, payload.data(), 10));
 }
 
-TEST(MessageTransmitterUDP_multicast, GroupReachesTwoReceiversOnOnePort)
-{
+TEST(MessageTransmitterUDP_multicast, GroupReachesTwoReceiversOnOnePort) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     Node sender;
     Node first;
@@ -296,8 +262,7 @@ TEST(MessageTransmitterUDP_multicast, GroupReachesTwoReceiversOnOnePort)
     ASSERT_TRUE(ReadRecord(second.ring, received));
 }
 
-TEST(MessageTransmitterUDP_multicast, UnicastRemoveFailsAndKeepsTheSocket)
-{
+TEST(MessageTransmitterUDP_multicast, UnicastRemoveFailsAndKeepsTheSocket) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node node;
@@ -311,7 +276,8 @@ TEST(MessageTransmitterUDP_multicast, UnicastRemoveFailsAndKeepsTheSocket)
     fflush(stdout);
     std::string strConsole = testing::internal::GetCapturedStdout();
     EXPECT_NE(std::string::npos, strConsole.find("Add membership err \n"));
-    EXPECT_EQ(1, log.CountPrefix("[MessageTransmitterUDP::dropMemberShip] IP_DROP_MEMBERSHIP Error and errno = "));
+    EXPECT_EQ(
+        1, log.CountPrefix("[MessageTransmitterUDP::dropMemberShip] IP_DROP_MEMBERSHIP Error and errno = "));
     EXPECT_EQ(1, log.Count("[MessageTransmitterUDP::ReceiveAddrRemove] dropMemberShip Error and Ret = 1"));
     EXPECT_EQ(iSocket, node.transmitter.GetReceiveSocket(17021));
 
@@ -320,8 +286,7 @@ TEST(MessageTransmitterUDP_multicast, UnicastRemoveFailsAndKeepsTheSocket)
     EXPECT_EQ(1u, node.transmitter.GetReceiveSocketCount());
 }
 
-TEST(MessageTransmitterUDP_multicast, FailedJoinReports52AndKeepsTheSocket)
-{
+TEST(MessageTransmitterUDP_multicast, FailedJoinReports52AndKeepsTheSocket) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node node;
@@ -331,14 +296,14 @@ TEST(MessageTransmitterUDP_multicast, FailedJoinReports52AndKeepsTheSocket)
     fflush(stdout);
     std::string strConsole = testing::internal::GetCapturedStdout();
     EXPECT_NE(std::string::npos, strConsole.find("Err "));
-    EXPECT_EQ(1, log.CountPrefix("[MessageTransmitterUDP::addMemberShip] IP_ADD_MEMBERSHIP  Error and errno = "));
+    EXPECT_EQ(
+        1, log.CountPrefix("[MessageTransmitterUDP::addMemberShip] IP_ADD_MEMBERSHIP  Error and errno = "));
     EXPECT_EQ(1, log.CountPrefix("[MessageTransmitterUDP::ReceiveAddrAdd] addMemberShip Error and Ret = "));
     EXPECT_EQ(0, log.Count("[MessageTransmitterUDP::ReceiveAddrAdd] addMemberShip Error and Ret = 52"));
     EXPECT_EQ(1u, node.transmitter.GetReceiveSocketCount());
 }
 
-TEST(MessageTransmitterUDP_local, OwnDestinationGoesThroughTheRingOnly)
-{
+TEST(MessageTransmitterUDP_local, OwnDestinationGoesThroughTheRingOnly) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     Node node;
     ASSERT_EQ(0, node.transmitter.ReceiveAddrAdd(MakeLocator(127, 0, 0, 1, 17030)));
@@ -359,8 +324,7 @@ TEST(MessageTransmitterUDP_local, OwnDestinationGoesThroughTheRingOnly)
                                                payload.data(), 500));
 }
 
-TEST(MessageTransmitterUDP_local, FullRingDropsTheMessageAndStillReturns0)
-{
+TEST(MessageTransmitterUDP_local, FullRingDropsTheMessageAndStillReturns0) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node node(64);
@@ -370,20 +334,20 @@ TEST(MessageTransmitterUDP_local, FullRingDropsTheMessageAndStillReturns0)
     EXPECT_EQ(0, node.transmitter.MessageSend(MakeLocator(127, 0, 0, 1, 0), MakeLocator(127, 0, 0, 1, 17032),
                                               payload.data(), 100));
     EXPECT_EQ(1, log.Count("[ReceiveBuffer::Write] uiAvailableLength = 64 and uiLength = 100"));
-    EXPECT_EQ(std::vector<int>{3}, log.KeysOf("[ReceiveBuffer::Write] uiAvailableLength = 64 and uiLength = 100"));
+    EXPECT_EQ(std::vector<int>{3},
+              log.KeysOf("[ReceiveBuffer::Write] uiAvailableLength = 64 and uiLength = 100"));
     EXPECT_EQ(64u, node.ring.GetAvailableLength());
     EXPECT_EQ(58, node.transmitter.ReceiveMessage());
 }
 
-TEST(MessageTransmitterUDP_sockets, OneSocketPerAddressAndPerPort)
-{
+TEST(MessageTransmitterUDP_sockets, OneSocketPerAddressAndPerPort) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     Node node;
     Locator_t local = MakeLocator(127, 0, 0, 1, 0);
     ASSERT_EQ(0, node.transmitter.SendAddrAdd(local));
     int iSendSocket = node.transmitter.GetSendSocket(NetworkOrder(local));
     ASSERT_GE(iSendSocket, 0);
-    local.port = 4711;   // the port plays no part for a send socket
+    local.port = 4711;  // the port plays no part for a send socket
     EXPECT_EQ(0, node.transmitter.SendAddrAdd(local));
     EXPECT_EQ(1u, node.transmitter.GetSendSocketCount());
     EXPECT_EQ(iSendSocket, node.transmitter.GetSendSocket(NetworkOrder(local)));
@@ -403,8 +367,7 @@ TEST(MessageTransmitterUDP_sockets, OneSocketPerAddressAndPerPort)
     EXPECT_EQ(node.transmitter.GetReceiveSocket(17041), node.transmitter.GetHighestSocket());
 }
 
-TEST(MessageTransmitterUDP_sockets, SendAddressThatIsNotLocalIsRefused)
-{
+TEST(MessageTransmitterUDP_sockets, SendAddressThatIsNotLocalIsRefused) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node node;
@@ -416,8 +379,7 @@ TEST(MessageTransmitterUDP_sockets, SendAddressThatIsNotLocalIsRefused)
     EXPECT_EQ(1, log.Count(szExpected));
 }
 
-TEST(MessageTransmitterUDP_receive, NoSocketGives100)
-{
+TEST(MessageTransmitterUDP_receive, NoSocketGives100) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node node;
@@ -427,8 +389,7 @@ TEST(MessageTransmitterUDP_receive, NoSocketGives100)
     EXPECT_EQ(1, log.Count("[MessageTransmitterUDP::ReceiveMessage] m_ReceiveSocket.Size() = 0"));
 }
 
-TEST(MessageTransmitterUDP_receive, OnlyTheFirst64SocketsInPortOrderAreWatched)
-{
+TEST(MessageTransmitterUDP_receive, OnlyTheFirst64SocketsInPortOrderAreWatched) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node sender;
@@ -442,7 +403,8 @@ TEST(MessageTransmitterUDP_receive, OnlyTheFirst64SocketsInPortOrderAreWatched)
     std::vector<octet> sixtyFourth = Payload(41, 7);
     Locator_t source = MakeLocator(127, 0, 0, 1, 0);
     ASSERT_EQ(0, sender.transmitter.MessageSend(source, MakeLocator(127, 0, 0, 1, 17164), last.data(), 40));
-    ASSERT_EQ(0, sender.transmitter.MessageSend(source, MakeLocator(127, 0, 0, 1, 17163), sixtyFourth.data(), 41));
+    ASSERT_EQ(
+        0, sender.transmitter.MessageSend(source, MakeLocator(127, 0, 0, 1, 17163), sixtyFourth.data(), 41));
 
     EXPECT_EQ(0, receiver.transmitter.ReceiveMessage());
     std::vector<octet> received;
@@ -463,15 +425,14 @@ TEST(MessageTransmitterUDP_receive, OnlyTheFirst64SocketsInPortOrderAreWatched)
     EXPECT_EQ(0, log.CountPrefix("[MessageTransmitterUDP::ReceiveMessage]"));
 }
 
-TEST(MessageTransmitterUDP_receive, WakeEndsOneWaitLikeATimeoutAndIsSpent)
-{
+TEST(MessageTransmitterUDP_receive, WakeEndsOneWaitLikeATimeoutAndIsSpent) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node node;
     ASSERT_EQ(0, node.transmitter.ReceiveAddrAdd(MakeLocator(127, 0, 0, 1, 17060)));
     node.transmitter.RequestStop();
     EXPECT_EQ(0, node.transmitter.GetRunFlag());
-    EXPECT_EQ(0, node.transmitter.GetStoppedFlag());   // only the loop sets that
+    EXPECT_EQ(0, node.transmitter.GetStoppedFlag());  // only the loop sets that
     Clock::time_point start = Clock::now();
     EXPECT_EQ(58, node.transmitter.ReceiveMessage());
     EXPECT_LT(ElapsedMs(start), 200);
@@ -482,16 +443,15 @@ TEST(MessageTransmitterUDP_receive, WakeEndsOneWaitLikeATimeoutAndIsSpent)
     EXPECT_EQ(0, log.CountPrefix("[MessageTransmitterUDP::ReceiveMessage]"));
 }
 
-TEST(MessageTransmitterUDP_receive, DatagramWaitingAtTheWakeIsStillRead)
-{
+TEST(MessageTransmitterUDP_receive, DatagramWaitingAtTheWakeIsStillRead) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     Node sender;
     Node receiver;
     ASSERT_EQ(0, receiver.transmitter.ReceiveAddrAdd(MakeLocator(127, 0, 0, 1, 17061)));
     ASSERT_EQ(0, sender.transmitter.SendAddrAdd(MakeLocator(127, 0, 0, 1, 0)));
     std::vector<octet> payload = Payload(77, 8);
-    ASSERT_EQ(0, sender.transmitter.MessageSend(MakeLocator(127, 0, 0, 1, 0), MakeLocator(127, 0, 0, 1, 17061),
-                                                payload.data(), 77));
+    ASSERT_EQ(0, sender.transmitter.MessageSend(MakeLocator(127, 0, 0, 1, 0),
+                                                MakeLocator(127, 0, 0, 1, 17061), payload.data(), 77));
     receiver.transmitter.RequestStop();
     EXPECT_EQ(0, receiver.transmitter.ReceiveMessage());
     std::vector<octet> received;
@@ -499,8 +459,7 @@ TEST(MessageTransmitterUDP_receive, DatagramWaitingAtTheWakeIsStillRead)
     EXPECT_EQ(payload, received);
 }
 
-TEST(MessageTransmitterUDP_receive, NoSocketPathIsUnchangedByAWake)
-{
+TEST(MessageTransmitterUDP_receive, NoSocketPathIsUnchangedByAWake) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node node;
@@ -511,8 +470,7 @@ TEST(MessageTransmitterUDP_receive, NoSocketPathIsUnchangedByAWake)
     EXPECT_EQ(1, log.Count("[MessageTransmitterUDP::ReceiveMessage] m_ReceiveSocket.Size() = 0"));
 }
 
-TEST(MessageTransmitterUDP_thread, StopsWithinTheOneSecondWait)
-{
+TEST(MessageTransmitterUDP_thread, StopsWithinTheOneSecondWait) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node node;
@@ -526,7 +484,7 @@ TEST(MessageTransmitterUDP_thread, StopsWithinTheOneSecondWait)
     {
         ReceiveThread thread(node.transmitter);
         ASSERT_TRUE(thread.Started());
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));   // inside a wait by now
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));  // inside a wait by now
         llStopMs = thread.Stop();
     }
     fflush(stdout);
@@ -538,12 +496,10 @@ TEST(MessageTransmitterUDP_thread, StopsWithinTheOneSecondWait)
     EXPECT_NE(std::string::npos, strConsole.find("Create TransmitRun \n"));
     EXPECT_NE(std::string::npos, strConsole.find("Stop Recv Thread .. \n"));
     EXPECT_EQ(4, log.Count("Stop Recv Thread Sucess"));
-    for (int iKey : log.KeysOf("Stop Recv Thread Sucess"))
-        EXPECT_EQ(0x20005, iKey);
+    for (int iKey : log.KeysOf("Stop Recv Thread Sucess")) EXPECT_EQ(0x20005, iKey);
 }
 
-TEST(MessageTransmitterUDP_thread, StopsQuicklyWithoutSockets)
-{
+TEST(MessageTransmitterUDP_thread, StopsQuicklyWithoutSockets) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     Node node;
     ReceiveThread thread(node.transmitter);
@@ -554,8 +510,7 @@ TEST(MessageTransmitterUDP_thread, StopsQuicklyWithoutSockets)
     EXPECT_LE(llStopMs, 300);
 }
 
-TEST(MessageTransmitterUDP_thread, RequestStopEndsTheWaitWithinMilliseconds)
-{
+TEST(MessageTransmitterUDP_thread, RequestStopEndsTheWaitWithinMilliseconds) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node node;
@@ -567,7 +522,7 @@ TEST(MessageTransmitterUDP_thread, RequestStopEndsTheWaitWithinMilliseconds)
     {
         ReceiveThread thread(node.transmitter);
         ASSERT_TRUE(thread.Started());
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));   // inside a wait by now
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));  // inside a wait by now
         llStopMs = thread.Stop(true);
     }
     fflush(stdout);
@@ -585,33 +540,27 @@ TEST(MessageTransmitterUDP_thread, RequestStopEndsTheWaitWithinMilliseconds)
 
 // ------------------------------------------------------------ draining bursts
 
-namespace
-{
+namespace {
 // A datagram that names its socket and its place in the burst.
-std::vector<octet> Numbered(char cTag, uint32_t uiIndex)
-{
+std::vector<octet> Numbered(char cTag, uint32_t uiIndex) {
     std::vector<octet> data(16, static_cast<octet>(cTag));
     std::memcpy(data.data(), &uiIndex, sizeof(uiIndex));
     return data;
 }
 
 // Every record the ring holds now, without waiting for more.
-std::vector<std::vector<octet>> TakeAll(ReceiveBuffer& ring)
-{
+std::vector<std::vector<octet>> TakeAll(ReceiveBuffer& ring) {
     std::vector<std::vector<octet>> records;
-    while (ring.GetAvailableLength() != ring.GetLength() && records.size() < 100000)
-    {
+    while (ring.GetAvailableLength() != ring.GetLength() && records.size() < 100000) {
         std::vector<octet> record;
-        if (!ReadRecord(ring, record))
-            break;
+        if (!ReadRecord(ring, record)) break;
         records.push_back(record);
     }
     return records;
 }
-} // namespace
+}  // namespace
 
-TEST(MessageTransmitterUDP_receive, APassDrainsEachReadySocketUpToItsBoundInArrivalOrder)
-{
+TEST(MessageTransmitterUDP_receive, APassDrainsEachReadySocketUpToItsBoundInArrivalOrder) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node sender;
@@ -627,21 +576,19 @@ TEST(MessageTransmitterUDP_receive, APassDrainsEachReadySocketUpToItsBoundInArri
     // receive queue of the system's default size.
     const uint32_t uiBound = MessageTransmitterUDP::MAX_DATAGRAMS_PER_SOCKET;
     const uint32_t uiBurst = uiBound + 44;
-    for (uint32_t i = 0; i < uiBurst; ++i)
-    {
+    for (uint32_t i = 0; i < uiBurst; ++i) {
         std::vector<octet> data = Numbered('A', i);
         ASSERT_EQ(0, sender.transmitter.MessageSend(source, busy, data.data(), uint32_t(data.size())));
     }
     std::vector<octet> lone = Numbered('B', 0);
     ASSERT_EQ(0, sender.transmitter.MessageSend(source, quiet, lone.data(), uint32_t(lone.size())));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));   // all queued at the sockets
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // all queued at the sockets
 
     // First pass: the bound from the busy socket, then the other socket's turn.
     EXPECT_EQ(0, receiver.transmitter.ReceiveMessage());
     std::vector<std::vector<octet>> records = TakeAll(receiver.ring);
     ASSERT_EQ(size_t(uiBound) + 1, records.size());
-    for (uint32_t i = 0; i < uiBound; ++i)
-        ASSERT_EQ(Numbered('A', i), records[i]) << "record " << i;
+    for (uint32_t i = 0; i < uiBound; ++i) ASSERT_EQ(Numbered('A', i), records[i]) << "record " << i;
     EXPECT_EQ(lone, records[uiBound]);
 
     // Second pass: the rest of the burst, in order, and an empty queue behind it
@@ -652,13 +599,12 @@ TEST(MessageTransmitterUDP_receive, APassDrainsEachReadySocketUpToItsBoundInArri
     for (uint32_t i = 0; i < records.size(); ++i)
         ASSERT_EQ(Numbered('A', uiBound + i), records[i]) << "record " << i;
 
-    receiver.transmitter.RequestStop();   // the next wait ends at once
+    receiver.transmitter.RequestStop();  // the next wait ends at once
     EXPECT_EQ(58, receiver.transmitter.ReceiveMessage());
     EXPECT_EQ(0, log.CountPrefix("[MessageTransmitterUDP::ReceiveMessage]"));
 }
 
-TEST(MessageTransmitterUDP_thread, ABurstSentBackToBackReachesTheRingWhole)
-{
+TEST(MessageTransmitterUDP_thread, ABurstSentBackToBackReachesTheRingWhole) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
     LogCapture log;
     Node sender;
@@ -682,15 +628,13 @@ TEST(MessageTransmitterUDP_thread, ABurstSentBackToBackReachesTheRingWhole)
     ASSERT_TRUE(thread.Started());
 
     const uint32_t uiBurst = 2000;
-    for (uint32_t i = 0; i < uiBurst; ++i)
-    {
+    for (uint32_t i = 0; i < uiBurst; ++i) {
         std::vector<octet> data = Numbered('C', i);
         ASSERT_EQ(0, sender.transmitter.MessageSend(source, destination, data.data(), uint32_t(data.size())));
     }
     // Every datagram once, in the order sent; a missing one fails after the
     // ring's waits rather than hanging.
-    for (uint32_t i = 0; i < uiBurst; ++i)
-    {
+    for (uint32_t i = 0; i < uiBurst; ++i) {
         std::vector<octet> record;
         ASSERT_TRUE(ReadRecord(receiver.ring, record)) << "datagram " << i << " never arrived";
         ASSERT_EQ(Numbered('C', i), record) << "datagram " << i;

@@ -12,10 +12,10 @@
 // One interface as the guard sees it. Flags are IFF_* bits; they are known
 // only for interfaces that getifaddrs reports (hasFlags).
 struct NetnsInterface {
-  std::string name;
-  unsigned flags = 0;
-  bool hasFlags = false;
-  std::vector<std::string> addresses;  // numeric IPv4/IPv6 addresses
+    std::string name;
+    unsigned flags = 0;
+    bool hasFlags = false;
+    std::vector<std::string> addresses;  // numeric IPv4/IPv6 addresses
 };
 
 // Every interface of the calling thread's network namespace, from
@@ -42,23 +42,23 @@ bool NetnsReadyForSockets(std::string* why, const std::vector<std::string>& allo
 // Fails the calling test fast when the namespace is not safe for sockets.
 // Use at the top of a TEST body; optional arguments are extra allowed
 // interface names, e.g. MORVODDS_REQUIRE_PRIVATE_NETNS("eth0") inside a host.
-#define MORVODDS_REQUIRE_PRIVATE_NETNS(...)                                     \
-  do {                                                                          \
-    std::string strNetnsWhy_;                                                   \
-    if (!NetnsReadyForSockets(&strNetnsWhy_, std::vector<std::string>{__VA_ARGS__})) { \
-      GTEST_FAIL() << strNetnsWhy_;                                             \
-    }                                                                           \
-  } while (0)
+#define MORVODDS_REQUIRE_PRIVATE_NETNS(...)                                                \
+    do {                                                                                   \
+        std::string strNetnsWhy_;                                                          \
+        if (!NetnsReadyForSockets(&strNetnsWhy_, std::vector<std::string>{__VA_ARGS__})) { \
+            GTEST_FAIL() << strNetnsWhy_;                                                  \
+        }                                                                                  \
+    } while (0)
 
 // Global environment for a test main: fails (and so skips) every test of the
 // binary when the namespace is not safe for sockets.
 class NetnsGuardEnvironment : public ::testing::Environment {
- public:
-  explicit NetnsGuardEnvironment(std::vector<std::string> allowed = {});
-  void SetUp() override;
+public:
+    explicit NetnsGuardEnvironment(std::vector<std::string> allowed = {});
+    void SetUp() override;
 
- private:
-  std::vector<std::string> m_Allowed;
+private:
+    std::vector<std::string> m_Allowed;
 };
 
 // For a custom main: registers a NetnsGuardEnvironment with GoogleTest.

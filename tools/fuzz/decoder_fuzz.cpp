@@ -36,12 +36,12 @@ const EntityId_t kRemoteWriter = {{0x00, 0x04, 0x01}, 0x03};
 const EntityId_t kUserReader = {{0x00, 0x09, 0x01}, 0x04};
 const EntityId_t kLocalWriter = {{0x00, 0x04, 0x07}, 0x03};
 const EntityId_t kBestEffortWriter = {{0x00, 0x04, 0x08}, 0x03};
-const EntityId_t kReaders[] = {ENTITYID_SPDP_BUILTIN_PARTICIPANT_READER, ENTITYID_SEDP_BUILTIN_PUBLICATIONS_READER,
-                               ENTITYID_SEDP_BUILTIN_SUBSCRIPTIONS_READER,
-                               ENTITYID_P2P_BUILTIN_PARTICIPANT_MESSAGE_READER, kUserReader};
-const EntityId_t kBuiltinWriters[] = {ENTITYID_SPDP_BUILTIN_PARTICIPANT_WRITER, ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER,
-                                      ENTITYID_SEDP_BUILTIN_SUBSCRIPTIONS_WRITER,
-                                      ENTITYID_P2P_BUILTIN_PARTICIPANT_MESSAGE_WRITER};
+const EntityId_t kReaders[] = {
+    ENTITYID_SPDP_BUILTIN_PARTICIPANT_READER, ENTITYID_SEDP_BUILTIN_PUBLICATIONS_READER,
+    ENTITYID_SEDP_BUILTIN_SUBSCRIPTIONS_READER, ENTITYID_P2P_BUILTIN_PARTICIPANT_MESSAGE_READER, kUserReader};
+const EntityId_t kBuiltinWriters[] = {
+    ENTITYID_SPDP_BUILTIN_PARTICIPANT_WRITER, ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER,
+    ENTITYID_SEDP_BUILTIN_SUBSCRIPTIONS_WRITER, ENTITYID_P2P_BUILTIN_PARTICIPANT_MESSAGE_WRITER};
 
 volatile uint32_t g_uiSink;  // keeps the reads of delivered bytes
 
@@ -69,7 +69,8 @@ void Touch(const std::list<Parameter>& inlineQos, const octet* pData, uint32_t u
 
 class StubReader : public StatefulReader {
 public:
-    explicit StubReader(const EntityId_t& id) : StatefulReader(GUID_t(kLocal, id), DataReaderQos(), nullptr) {}
+    explicit StubReader(const EntityId_t& id)
+        : StatefulReader(GUID_t(kLocal, id), DataReaderQos(), nullptr) {}
     int DataMessageReceive(const MessageReceiver&, const DataSubMessage&, const std::list<Parameter>& qos,
                            const octet* pData, uint32_t uiLength) override {
         Touch(qos, pData, uiLength);
@@ -77,7 +78,8 @@ public:
         return 0;
     }
     int DataFragMessageReceive(const MessageReceiver&, const DataFragSubMessage&, const dataFrag&,
-                               const std::list<Parameter>& qos, const octet* pData, uint32_t uiLength) override {
+                               const std::list<Parameter>& qos, const octet* pData,
+                               uint32_t uiLength) override {
         if (pData == nullptr) Fail("fragment without data");
         Touch(qos, pData, uiLength);
         ++g_Reached.frags;
@@ -87,7 +89,9 @@ public:
         ++g_Reached.heartbeats;
         return 0;
     }
-    int GapMessageReceive(const MessageReceiver&, const stGapSubMessage&) override { Fail("GAP reached a reader"); }
+    int GapMessageReceive(const MessageReceiver&, const stGapSubMessage&) override {
+        Fail("GAP reached a reader");
+    }
 };
 
 class StubWriter : public StatefulWriter {
@@ -114,23 +118,31 @@ class NullTransmitter : public MessageTransmitter {
 public:
     explicit NullTransmitter(ReceiveBuffer* pBuffer) : MessageTransmitter(pBuffer) {}
     int SendAddrAdd(Locator_t) override { return 0; }
-    int MessageSend(const std::list<Locator_t>&, const std::list<Locator_t>&, const octet*, uint32_t) override { return 0; }
+    int MessageSend(const std::list<Locator_t>&, const std::list<Locator_t>&, const octet*,
+                    uint32_t) override {
+        return 0;
+    }
     int MessageSend(Locator_t, Locator_t, const octet*, uint32_t) override { return 0; }
     int MessageSend(const Locator_t*, const Locator_t*, const octet*, uint32_t) override { return 0; }
     int ReceiveMessage() override { return 0; }
     int ReceiveAddrAdd(Locator_t) override { return 0; }
     int ReceiveAddrRemove(Locator_t) override { return 0; }
 };
-MessageTransmitter* MakeNullTransmitter(ReceiveBuffer* pBuffer, int) { return new NullTransmitter(pBuffer); }
+MessageTransmitter* MakeNullTransmitter(ReceiveBuffer* pBuffer, int) {
+    return new NullTransmitter(pBuffer);
+}
 
 // A participant with a reader for each built-in writer, one matched user reader,
 // a reliable and a best-effort writer. Built once; endpoints swapped in through
 // the registry's borrow belong to the participant.
 class Harness {
 public:
-    Harness() : m_Discovery(nullptr), m_Participant(GUID_t(kLocal, ENTITYID_PARTICIPANT), nullptr, 91, nullptr, &MakeNullTransmitter) {
+    Harness()
+        : m_Discovery(nullptr),
+          m_Participant(GUID_t(kLocal, ENTITYID_PARTICIPANT), nullptr, 91, nullptr, &MakeNullTransmitter) {
         m_Participant.setDiscovery(&m_Discovery);
-        for (const EntityId_t& id : kReaders) Substitute(m_Participant.createReader(DataReaderQos(), id), new StubReader(id));
+        for (const EntityId_t& id : kReaders)
+            Substitute(m_Participant.createReader(DataReaderQos(), id), new StubReader(id));
         DataWriterQos reliable;
         reliable.reliability.kind = RELIABLE_RELIABILITY_QOS;
         Substitute(m_Participant.createWriter(reliable, kLocalWriter), new StubWriter(kLocalWriter));
@@ -140,7 +152,8 @@ public:
         bestEffort.reliability.kind = BEST_EFFORT_RELIABILITY_QOS;
         m_Endpoints.push_back(m_Participant.createWriter(bestEffort, kBestEffortWriter));
         m_Discovery.addWriterReaderPair(GUID_t(kRemote, kRemoteWriter), kUserReader);
-        m_Discovery.addWriterReaderPair(GUID_t(kRemote, ENTITYID_SPDP_BUILTIN_PARTICIPANT_WRITER), kUserReader);
+        m_Discovery.addWriterReaderPair(GUID_t(kRemote, ENTITYID_SPDP_BUILTIN_PARTICIPANT_WRITER),
+                                        kUserReader);
     }
 
     void Run(const octet* pData, size_t uiSize) {
@@ -153,8 +166,8 @@ public:
             return;
         }
         ++g_Reached.run;
-        if (m_Participant.getMessageProcessor()->InterpretDatagram(pData, uint32_t(std::min<size_t>(uiSize, UINT32_MAX))) ==
-            MessageProcessor::INTERPRET_CUT)
+        if (m_Participant.getMessageProcessor()->InterpretDatagram(
+                pData, uint32_t(std::min<size_t>(uiSize, UINT32_MAX))) == MessageProcessor::INTERPRET_CUT)
             ++g_Reached.cut;
         for (Endpoint* pEndpoint : m_Endpoints) m_Participant.returnEndpoint(pEndpoint);
     }
@@ -163,7 +176,8 @@ public:
 
 private:
     void Substitute(Endpoint* pReal, Endpoint* pStandIn) {
-        if (pReal == nullptr || m_Participant.takeEndpoint(pReal->getEntityId()) != pReal) Fail("endpoint set-up");
+        if (pReal == nullptr || m_Participant.takeEndpoint(pReal->getEntityId()) != pReal)
+            Fail("endpoint set-up");
         m_Participant.returnEndpoint(pStandIn);
         delete pReal;
         m_Endpoints.push_back(pStandIn);
@@ -210,8 +224,8 @@ private:
                     if (id == target) return true;
                 // ACKNACK and NACK_FRAG keep any endpoint that is not a reliable writer.
                 const bool bToWriter = pSub[0] == ACKNACK || pSub[0] == NACK_FRAG;
-                if (pSub[0] == GAP ||
-                    (bToWriter && !(target == kLocalWriter) && !(target == ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER)))
+                if (pSub[0] == GAP || (bToWriter && !(target == kLocalWriter) &&
+                                       !(target == ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER)))
                     held.push_back(target);
             }
             if (usLength == 0) return false;
@@ -287,9 +301,10 @@ std::vector<Octets> MakeSeeds() {
     finish();
     start();
     encoder.EncapsulateINFODSTMessage(uiLen, kLocal);
-    encoder.EncapsulateHeartBeatMessage(uiLen, ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER, SequenceNumber_t(0, 1),
-                                        SequenceNumber_t(0, 9), 15);
-    encoder.EncapsulateHeartBeatMessage(uiLen, kRemoteWriter, SequenceNumber_t(0, 2), SequenceNumber_t(0, 5), 16);
+    encoder.EncapsulateHeartBeatMessage(uiLen, ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER,
+                                        SequenceNumber_t(0, 1), SequenceNumber_t(0, 9), 15);
+    encoder.EncapsulateHeartBeatMessage(uiLen, kRemoteWriter, SequenceNumber_t(0, 2), SequenceNumber_t(0, 5),
+                                        16);
     finish();
     start();
     encoder.EncapsulateINFODSTMessage(uiLen, kLocal);
@@ -306,7 +321,8 @@ std::vector<Octets> MakeSeeds() {
     finish();
     start();
     encoder.EncapsulateINFOTSMessage(uiLen, Time_t(9, 9));
-    encoder.EncapsulateDATAMessage(uiLen, payload.data(), FRAGMENT_SIZE, SequenceNumber_t(0, 5), none, kRemoteWriter);
+    encoder.EncapsulateDATAMessage(uiLen, payload.data(), FRAGMENT_SIZE, SequenceNumber_t(0, 5), none,
+                                   kRemoteWriter);
     finish();
     return seeds;
 }
@@ -325,18 +341,22 @@ std::vector<size_t> SubMessageStarts(const Octets& d) {
 }
 
 Octets Mutate(const Octets& base, const std::vector<Octets>& corpus, std::mt19937& rng) {
-    static const octet aBytes[] = {0, 1, 2, 4, 0x7F, 0x80, 0xFF, ACKNACK, HEARTBEAT, GAP, INFO_TS, INFO_DST, NACK_FRAG,
-                                   DATA, DATA_FRAG};
-    static const uint16_t aWords[] = {0, 1, 3, 4, 8, 12, 16, 19, 20, 23, 24, 27, 28, 31, 32, 35, 36, 56, 60, 64,
-                                      128, 129, 0x7FFF, 0x8000, 0xFC00, 0xFFFF};
+    static const octet aBytes[] = {0,         1,   2,       4,        0x7F,      0x80, 0xFF,     ACKNACK,
+                                   HEARTBEAT, GAP, INFO_TS, INFO_DST, NACK_FRAG, DATA, DATA_FRAG};
+    static const uint16_t aWords[] = {0,  1,  3,  4,  8,  12, 16, 19,  20,  23,     24,     27,     28,
+                                      31, 32, 35, 36, 56, 60, 64, 128, 129, 0x7FFF, 0x8000, 0xFC00, 0xFFFF};
     Octets d = base;
     auto pick = [&](size_t n) { return n == 0 ? 0 : size_t(rng() % n); };
     const int iSteps = rng() % 2 == 0 ? 1 : 1 + int(rng() % 6);
     for (int i = 0; i < iSteps; ++i) {
         const std::vector<size_t> starts = SubMessageStarts(d);
         switch (rng() % 10) {
-            case 0: if (!d.empty()) d[pick(d.size())] ^= octet(1u << (rng() % 8)); break;
-            case 1: if (!d.empty()) d[pick(d.size())] = aBytes[pick(sizeof(aBytes))]; break;
+            case 0:
+                if (!d.empty()) d[pick(d.size())] ^= octet(1u << (rng() % 8));
+                break;
+            case 1:
+                if (!d.empty()) d[pick(d.size())] = aBytes[pick(sizeof(aBytes))];
+                break;
             case 2:
                 if (d.size() >= 2) {
                     const size_t uiAt = pick(d.size() - 1);
@@ -358,7 +378,9 @@ Octets Mutate(const Octets& base, const std::vector<Octets>& corpus, std::mt1993
                 }
                 break;
             }
-            case 4: if (!d.empty()) d.resize(pick(d.size())); break;
+            case 4:
+                if (!d.empty()) d.resize(pick(d.size()));
+                break;
             case 5: {
                 if (d.empty()) break;
                 const size_t uiAt = pick(d.size());
@@ -432,10 +454,13 @@ int main(int argc, char** argv) {
         encoder.EncapsulateMessageHeader(uiLen);
         FragmentNumberSet fragments;
         if (iCase == 0)
-            encoder.EncapsulateGapMessage(uiLen, kRemoteWriter, kUserReader, SequenceNumber_t(0, 1), SequenceNumberSet());
+            encoder.EncapsulateGapMessage(uiLen, kRemoteWriter, kUserReader, SequenceNumber_t(0, 1),
+                                          SequenceNumberSet());
         else
-            encoder.EncapsulateNackFragMessage(uiLen, kUserReader, kUserReader, SequenceNumber_t(0, 1), fragments);
-        encoder.EncapsulateHeartBeatMessage(uiLen, kRemoteWriter, SequenceNumber_t(0, 1), SequenceNumber_t(0, 2), 1);
+            encoder.EncapsulateNackFragMessage(uiLen, kUserReader, kUserReader, SequenceNumber_t(0, 1),
+                                               fragments);
+        encoder.EncapsulateHeartBeatMessage(uiLen, kRemoteWriter, SequenceNumber_t(0, 1),
+                                            SequenceNumber_t(0, 2), 1);
         const octet* p = encoder.getEncapsulateMessage();
         if (!TheHarness().PassesOver(Octets(p, p + uiLen))) Fail("the pass-over rule misses a self-wait");
     }
@@ -456,10 +481,12 @@ int main(int argc, char** argv) {
                 corpus[uiSeeds + rng() % 256] = input;
         }
     }
-    printf("decoder_fuzz: %lu datagrams, seed %lu: %lu run (%lu cut), %lu passed over; delivered %lu DATA, %lu DATA_FRAG, "
-           "%lu HEARTBEAT, %lu ACKNACK, %lu NACK_FRAG\n",
-           ulDone, ulSeed, g_Reached.run, g_Reached.cut, g_Reached.passedOver, g_Reached.data, g_Reached.frags,
-           g_Reached.heartbeats, g_Reached.acks, g_Reached.nackFrags);
+    printf(
+        "decoder_fuzz: %lu datagrams, seed %lu: %lu run (%lu cut), %lu passed over; delivered %lu DATA, %lu "
+        "DATA_FRAG, "
+        "%lu HEARTBEAT, %lu ACKNACK, %lu NACK_FRAG\n",
+        ulDone, ulSeed, g_Reached.run, g_Reached.cut, g_Reached.passedOver, g_Reached.data, g_Reached.frags,
+        g_Reached.heartbeats, g_Reached.acks, g_Reached.nackFrags);
     return 0;
 }
 #endif

@@ -32,7 +32,9 @@ TEST(Time, NanosecondAdditionCarriesAndSecondsCompareSigned) {
 }
 
 namespace {
-uint64_t FixedTicks() { return 0x019DB1DED53E8000ULL + 10000000ULL * 5 + 5000000ULL; }
+uint64_t FixedTicks() {
+    return 0x019DB1DED53E8000ULL + 10000000ULL * 5 + 5000000ULL;
+}
 }  // namespace
 
 TEST(Time, RtpsTimestampSplitsSecondsAndBinaryFraction) {

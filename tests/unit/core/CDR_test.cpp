@@ -152,8 +152,8 @@ TEST(CDR_Growth, WritesGrowOnlyPastTheEndAndKeepContent) {
     EXPECT_EQ(h.s.GetBufferLen(), 8u);  // exact fit
     ASSERT_TRUE(h.s.PutOctet(9) && h.s.PutLongLong(-1));
     EXPECT_EQ(h.s.GetBufferLen(), 8u + 4096u);
-    EXPECT_EQ(h.Content(), (Bytes{0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 9, 0, 0, 0, 0, 0, 0, 0,
-                                  0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}));
+    EXPECT_EQ(h.Content(), (Bytes{0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 9,    0,    0,    0,
+                                  0,    0,    0,    0,    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}));
 
     // A byte string grows by used + length, a string by its own rule after the length word.
     HeapStream bs(8);
@@ -214,8 +214,8 @@ TEST(CDR_Strings, RoundTripNullAndFollowingValue) {
     HeapStream h;
     ASSERT_TRUE(h.s.PutString(nullptr) && h.s.PutString("hello") && h.s.PutLong(-3));
     // Null as an empty string, padded to 8; length 6 and "hello\0", padded to 20; the long.
-    EXPECT_EQ(h.Content(), (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 6, 0, 0, 0, 'h', 'e', 'l', 'l', 'o', 0, 0, 0, 0xFD, 0xFF,
-                                  0xFF, 0xFF}));
+    EXPECT_EQ(h.Content(), (Bytes{1,   0,   0,   0,   0,   0, 0, 0, 6,    0,    0,    0,
+                                  'h', 'e', 'l', 'l', 'o', 0, 0, 0, 0xFD, 0xFF, 0xFF, 0xFF}));
     CDR r(h.s.GetBufferPtr(), 24, 1, 0);
     char* str = nullptr;
     ASSERT_EQ(r.GetString(str), 1);

@@ -4,8 +4,7 @@
 
 #include <thread>
 
-TEST(HighResClock, NowIsMonotonicAndStoresTheGlobal)
-{
+TEST(HighResClock, NowIsMonotonicAndStoresTheGlobal) {
     const uint64_t first = HighResClock::Now();
     EXPECT_EQ(first, g_HighResClockLastNow);
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -14,8 +13,7 @@ TEST(HighResClock, NowIsMonotonicAndStoresTheGlobal)
     EXPECT_LT(elapsed, 1000000);
 }
 
-TEST(HighResClock, ElapsedMicrosecondsArithmetic)
-{
+TEST(HighResClock, ElapsedMicrosecondsArithmetic) {
     const uint64_t frequency = HighResClock::Frequency();
     EXPECT_EQ(-1000000, HighResClock::ElapsedMicroseconds(frequency, 0));
     // Ten days of counts: the product with 1,000,000 would overflow 64 bits.

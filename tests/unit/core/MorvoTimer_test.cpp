@@ -10,25 +10,21 @@
 #include <thread>
 #include <vector>
 
-namespace
-{
+namespace {
 using Clock = std::chrono::steady_clock;
 
-struct Recorder
-{
+struct Recorder {
     std::mutex mutex;
     std::vector<long long> firedAtMs;
     Clock::time_point start = Clock::now();
     std::thread::id callbackThread;
     int iLastFlag = -1;
 
-    size_t Count()
-    {
+    size_t Count() {
         std::lock_guard<std::mutex> lock(mutex);
         return firedAtMs.size();
     }
-    static void Record(void* pArgument, unsigned char flag)
-    {
+    static void Record(void* pArgument, unsigned char flag) {
         Recorder* pSelf = static_cast<Recorder*>(pArgument);
         std::lock_guard<std::mutex> lock(pSelf->mutex);
         pSelf->firedAtMs.push_back(
@@ -39,24 +35,22 @@ struct Recorder
 };
 
 // Shared by a timer's owner and its callback, which may delete the owner.
-struct Shared
-{
+struct Shared {
     Semaphore entered{0, 100};
     std::atomic<int> calls{0};
     std::atomic<int> finished{0};
     MorvoTimer* pTimer = nullptr;
     int* pTouched = nullptr;
 };
-} // namespace
+}  // namespace
 
 // Three timers side by side to keep the suite short: a 100 ms period, a period
 // whose ms word is huge (a QoS nanosecond word passed unchanged), and period 0.
 // A fourth is restarted at once and stopped: it never fires for either start.
-TEST(MorvoTimer, FirstFiresAfterTwoSecondsThenEveryPeriod)
-{
+TEST(MorvoTimer, FirstFiresAfterTwoSecondsThenEveryPeriod) {
     Recorder periodic, huge, once, replaced;
     MorvoTimer periodicTimer, hugeTimer, onceTimer, restarted;
-    EXPECT_EQ(0, restarted.Stop()); // never started: nothing to do
+    EXPECT_EQ(0, restarted.Stop());  // never started: nothing to do
     ASSERT_EQ(0, periodicTimer.Start(0, 100, Recorder::Record, &periodic));
     ASSERT_EQ(0, hugeTimer.Start(1, 500000000, Recorder::Record, &huge));
     ASSERT_EQ(0, onceTimer.Start(0, 0, Recorder::Record, &once));
@@ -86,25 +80,23 @@ TEST(MorvoTimer, FirstFiresAfterTwoSecondsThenEveryPeriod)
     EXPECT_EQ(0u, replaced.Count());
 }
 
-TEST(MorvoTimer, StopFromOwnCallbackReturnsAndEndsTheTimer)
-{
+TEST(MorvoTimer, StopFromOwnCallbackReturnsAndEndsTheTimer) {
     Shared shared;
     shared.pTimer = new MorvoTimer;
     auto deleteFromCallback = [](void* pArgument, unsigned char) {
         Shared* pShared = static_cast<Shared*>(pArgument);
         ++pShared->calls;
         pShared->pTimer->Stop();
-        delete pShared->pTimer; // the destructor stops again: must be a no-op
+        delete pShared->pTimer;  // the destructor stops again: must be a no-op
         pShared->entered.Post();
     };
     ASSERT_EQ(0, shared.pTimer->Start(0, 20, deleteFromCallback, &shared));
-    ASSERT_EQ(0, shared.entered.Wait(5000)); // a deadlock in Stop would never post
+    ASSERT_EQ(0, shared.entered.Wait(5000));  // a deadlock in Stop would never post
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     EXPECT_EQ(1, shared.calls.load());
 }
 
-TEST(MorvoTimer, StopFromOtherThreadWaitsForCallbackInFlight)
-{
+TEST(MorvoTimer, StopFromOtherThreadWaitsForCallbackInFlight) {
     Shared shared;
     shared.pTimer = new MorvoTimer;
     shared.pTouched = new int(0);
@@ -113,7 +105,7 @@ TEST(MorvoTimer, StopFromOtherThreadWaitsForCallbackInFlight)
         ++pShared->calls;
         pShared->entered.Post();
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        ++*pShared->pTouched; // freed memory if Stop had not waited
+        ++*pShared->pTouched;  // freed memory if Stop had not waited
         ++pShared->finished;
     };
     ASSERT_EQ(0, shared.pTimer->Start(0, 10, slow, &shared));

@@ -4,24 +4,20 @@
 
 #include <thread>
 
-namespace
-{
+namespace {
 // Probes the lock from another thread; releases it again when acquired.
-int ProbeFromOtherThread(Mutex& mutex, unsigned int uiMilliseconds)
-{
+int ProbeFromOtherThread(Mutex& mutex, unsigned int uiMilliseconds) {
     int iResult = -1;
     std::thread probe([&] {
         iResult = mutex.TryLock(uiMilliseconds);
-        if (iResult == 0)
-            mutex.Unlock();
+        if (iResult == 0) mutex.Unlock();
     });
     probe.join();
     return iResult;
 }
-} // namespace
+}  // namespace
 
-TEST(Mutex, RecursiveAndOnlyTheOwnerUnlocks)
-{
+TEST(Mutex, RecursiveAndOnlyTheOwnerUnlocks) {
     Mutex mutex;
     EXPECT_EQ(0, mutex.Lock());
     EXPECT_EQ(0, mutex.Lock());

@@ -4,8 +4,7 @@
 
 #include <cstdlib>
 
-TEST(SystemClock, FileTimeCountsFrom1601AndLocalTimeIsCalendar)
-{
+TEST(SystemClock, FileTimeCountsFrom1601AndLocalTimeIsCalendar) {
     const int64_t wall = SystemClock::WallSeconds();
     const uint64_t ticks = SystemClock::FileTimeTicks();
     ASSERT_GT(ticks, SystemClock::FILETIME_UNIX_EPOCH);
@@ -21,8 +20,7 @@ TEST(SystemClock, FileTimeCountsFrom1601AndLocalTimeIsCalendar)
     EXPECT_LE(now.millisecond, 999);
 }
 
-TEST(SystemClock, TickCountSourceIsReplacedAndRestored)
-{
+TEST(SystemClock, TickCountSourceIsReplacedAndRestored) {
     SystemClock::SetTickCountSource([] { return 0xFFFFFFF0u; });
     EXPECT_EQ(0xFFFFFFF0u, SystemClock::TickCountMs());
     SystemClock::SetTickCountSource(nullptr);

@@ -7,42 +7,35 @@
 #include <cstring>
 #include <string>
 
-namespace
-{
-struct Probe
-{
+namespace {
+struct Probe {
     Semaphore done{0, 1};
     Semaphore proceed{0, 1};
     std::string strSeenName;
     bool bWaitForProceed = false;
 };
 
-unsigned int RecordName(void* pArgument)
-{
+unsigned int RecordName(void* pArgument) {
     Probe* pProbe = static_cast<Probe*>(pArgument);
     pProbe->strSeenName = Thread::CurrentName();
-    if (pProbe->bWaitForProceed)
-        pProbe->proceed.Wait(5000);
+    if (pProbe->bWaitForProceed) pProbe->proceed.Wait(5000);
     pProbe->done.Post();
     return 0;
 }
-} // namespace
+}  // namespace
 
-TEST(Thread, NameIsTheGivenOneOrTheConstructorsCutToFifteen)
-{
-    const struct
-    {
+TEST(Thread, NameIsTheGivenOneOrTheConstructorsCutToFifteen) {
+    const struct {
         const char* ctorName;
         const char* startName;
         int priority;
         const char* expected;
     } rows[] = {
         {"ignored", "0_DIST", THREAD_PRIORITY_NORMAL_LEVEL, "0_DIST"},
-        {"12_RECV", "", THREAD_PRIORITY_HIGHEST_LEVEL, "12_RECV"}, // accepted without privileges
+        {"12_RECV", "", THREAD_PRIORITY_HIGHEST_LEVEL, "12_RECV"},  // accepted without privileges
         {"", "123456789_ABCDEFGHIJ", 0, "123456789_ABCDE"},
     };
-    for (const auto& row : rows)
-    {
+    for (const auto& row : rows) {
         Probe probe;
         Thread thread(row.ctorName);
         ASSERT_EQ(0, thread.Start(RecordName, &probe, row.priority, row.startName));
@@ -54,8 +47,7 @@ TEST(Thread, NameIsTheGivenOneOrTheConstructorsCutToFifteen)
 
 // A named thread asks for a small stack; it must still hold the protocol
 // loops' local buffers (a quarter of a MiB here).
-TEST(Thread, SmallRequestedStackStillHoldsLargeLocals)
-{
+TEST(Thread, SmallRequestedStackStillHoldsLargeLocals) {
     Probe probe;
     Thread thread("deep");
     EXPECT_EQ(10240u, thread.GetStackSize());
@@ -71,13 +63,12 @@ TEST(Thread, SmallRequestedStackStillHoldsLargeLocals)
     EXPECT_EQ("Z", probe.strSeenName);
 }
 
-TEST(Thread, DeletingTheObjectLeavesTheThreadRunning)
-{
+TEST(Thread, DeletingTheObjectLeavesTheThreadRunning) {
     Probe probe;
     probe.bWaitForProceed = true;
     Thread* pThread = new Thread("detached");
     ASSERT_EQ(0, pThread->Start(RecordName, &probe, 0, ""));
-    delete pThread; // must neither join nor stop the thread
+    delete pThread;  // must neither join nor stop the thread
     EXPECT_EQ(-100, probe.done.Wait(0));
     probe.proceed.Post();
     EXPECT_EQ(0, probe.done.Wait(5000));

@@ -35,7 +35,8 @@ const char kTopic[] = "Samples";
 const std::string kTail = std::string(" Error and TopicName = ") + kTopic;
 
 std::string Text(const UserData& value) {
-    return value.data == nullptr ? std::string() : std::string(reinterpret_cast<char*>(value.data), value.length);
+    return value.data == nullptr ? std::string()
+                                 : std::string(reinterpret_cast<char*>(value.data), value.length);
 }
 
 // Frees what read and take handed over, the way an application does.
@@ -65,7 +66,8 @@ public:
         m_pLastReader = reader;
         ++m_iData;
     }
-    void on_requested_deadline_missed(DataReader* reader, const RequestedDeadlineMissedStatus& status) override {
+    void on_requested_deadline_missed(DataReader* reader,
+                                      const RequestedDeadlineMissedStatus& status) override {
         m_pLastReader = reader;
         m_iDeadlineTotal = status.total_count;
         ++m_iDeadline;
@@ -95,7 +97,8 @@ public:
 class DataReader_Shared : public testing::Test {
 protected:
     static void SetUpTestSuite() {
-        s_p = DomainParticipantFactory::get_instance()->create_participant(75, PARTICIPANT_QOS_DEFAULT, nullptr, 0);
+        s_p = DomainParticipantFactory::get_instance()->create_participant(75, PARTICIPANT_QOS_DEFAULT,
+                                                                           nullptr, 0);
         if (s_p != nullptr) s_p->register_type("Blob");
     }
     static void TearDownTestSuite() {
@@ -115,8 +118,8 @@ protected:
     }
 
     // A reader Impl outside every list, wired to a protocol reader of its own.
-    void MakeDirect(const DataReaderQos& qos = DATAREADER_QOS_DEFAULT, DataReaderListener* pListener = nullptr,
-                    unsigned long mask = 0) {
+    void MakeDirect(const DataReaderQos& qos = DATAREADER_QOS_DEFAULT,
+                    DataReaderListener* pListener = nullptr, unsigned long mask = 0) {
         DropDirect();
         m_pImpl = new DataReaderImpl(m_pSub->getImpl(), m_pTopic->getImpl(), qos, pListener, mask);
         m_pReader = new StatefulReader(Guid(0x77, 0x07), m_pImpl->getQos(), nullptr);
@@ -219,8 +222,9 @@ TEST_F(DataReader_Shared, NextSampleGivesTheNewestAndTakingItLeavesNothingReacha
 
     for (const char* payload : {"first", "second", "third"}) Deliver(payload);
     for (bool take : {false, true}) {
-        ASSERT_EQ(take ? m_pImpl->take_next_sample(m_Value, m_Info) : m_pImpl->read_next_sample(m_Value, m_Info),
-                  RETCODE_OK);
+        ASSERT_EQ(
+            take ? m_pImpl->take_next_sample(m_Value, m_Info) : m_pImpl->read_next_sample(m_Value, m_Info),
+            RETCODE_OK);
         EXPECT_EQ(Text(m_Value), "third");
         std::free(m_Value.data);
         EXPECT_EQ(Held(), take ? 2u : 3u);
@@ -265,7 +269,8 @@ TEST_F(DataReader_Shared, ListenerHearsEverySampleThroughTheCurrentFacade) {
     MakeDirect();
     LogCapture log;
     Deliver("a");
-    EXPECT_EQ(log.Count(std::string("[DataReaderImpl::DataReceive] pListen == NULL TopicName = ") + kTopic), 1u);
+    EXPECT_EQ(log.Count(std::string("[DataReaderImpl::DataReceive] pListen == NULL TopicName = ") + kTopic),
+              1u);
 
     CountingListener listener;
     MakeDirect(KeepLast(5), &listener, 0);  // on_data_available does not need the mask
@@ -320,11 +325,18 @@ TEST_F(DataReader_Shared, DeadlineMissedWhileNoSampleArrives) {
 TEST_F(DataReader_Shared, OwnershipGoesToTheStrongerWriterAndBackToNobody) {
     MakeDirect();
     const GUID_t weak = Guid(1, 0x02), strong = Guid(2, 0x02);
-    struct Step { bool offer; GUID_t guid; int32_t strength; GUID_t owner; };
-    const Step steps[] = {{true, weak, 5, weak},         // nobody owns: any strength wins
-                          {true, strong, 5, weak},       // equal strength does not replace
-                          {true, strong, 6, strong},     {false, weak, 0, strong},  // not the owner
-                          {false, strong, 0, GUID_UNKNOWN}, {true, weak, -3, weak}};
+    struct Step {
+        bool offer;
+        GUID_t guid;
+        int32_t strength;
+        GUID_t owner;
+    };
+    const Step steps[] = {{true, weak, 5, weak},    // nobody owns: any strength wins
+                          {true, strong, 5, weak},  // equal strength does not replace
+                          {true, strong, 6, strong},
+                          {false, weak, 0, strong},  // not the owner
+                          {false, strong, 0, GUID_UNKNOWN},
+                          {true, weak, -3, weak}};
     for (const Step& step : steps) {
         if (step.offer) {
             m_pImpl->offerOwnership(step.guid, step.strength);
@@ -420,9 +432,10 @@ TEST_F(DataReader_Shared, DeleteUnlinksTheTopicAndRefusesStrangers) {
     LogCapture log;
     Subscriber* pOther = s_p->create_subscriber(SUBSCRIBER_QOS_DEFAULT, nullptr, 0);
     EXPECT_EQ(pOther->delete_datareader(pReader), RETCODE_ENTITY_NOT_FOUND);
-    EXPECT_EQ(log.Count(std::string("[SubscriberImpl::delete_datareader] Detele DataReedr fail and TopicName = ") +
-                        kTopic),
-              1u);
+    EXPECT_EQ(
+        log.Count(std::string("[SubscriberImpl::delete_datareader] Detele DataReedr fail and TopicName = ") +
+                  kTopic),
+        1u);
     EXPECT_EQ(m_pTopic->getImpl()->getDataReader(), nullptr);
     EXPECT_EQ(m_pSub->lookup_datareader(kTopic), pReader);
 

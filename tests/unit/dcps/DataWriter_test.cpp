@@ -70,7 +70,8 @@ public:
 class DataWriter_Shared : public testing::Test {
 protected:
     static void SetUpTestSuite() {
-        s_p = DomainParticipantFactory::get_instance()->create_participant(kDomain, PARTICIPANT_QOS_DEFAULT, nullptr, 0);
+        s_p = DomainParticipantFactory::get_instance()->create_participant(kDomain, PARTICIPANT_QOS_DEFAULT,
+                                                                           nullptr, 0);
         if (s_p != nullptr) s_p->register_type("Position");
     }
     static void TearDownTestSuite() {
@@ -88,7 +89,8 @@ protected:
     void TearDown() override {
         if (s_p != nullptr) s_p->delete_contained_entities();
     }
-    DataWriter* Make(const DataWriterQos& qos, DataWriterListener* listener = nullptr, unsigned long mask = 0) {
+    DataWriter* Make(const DataWriterQos& qos, DataWriterListener* listener = nullptr,
+                     unsigned long mask = 0) {
         return m_pPub->create_datawriter(m_pTopic, qos, listener, mask);
     }
     static Participant* Rtps() { return s_p->getImpl()->getRtpsParticipant(); }
@@ -103,7 +105,8 @@ DomainParticipant* DataWriter_Shared::s_p = nullptr;
 }  // namespace
 
 TEST_F(DataWriter_Shared, CreatePicksTheClassAllotsIdsAndListsInOrder) {
-    DataWriter* reliable = Make(Qos(RELIABLE_RELIABILITY_QOS, TRANSIENT_LOCAL_DURABILITY_QOS, KEEP_LAST_HISTORY_QOS, 7));
+    DataWriter* reliable =
+        Make(Qos(RELIABLE_RELIABILITY_QOS, TRANSIENT_LOCAL_DURABILITY_QOS, KEEP_LAST_HISTORY_QOS, 7));
     DataWriter* bestEffort = Make(Qos(BEST_EFFORT_RELIABILITY_QOS, VOLATILE_DURABILITY_QOS));
     ASSERT_TRUE(reliable && bestEffort);
     Writer* pReliable = reliable->getImpl()->getRtpsWriter();
@@ -153,7 +156,11 @@ TEST_F(DataWriter_Shared, CreateRefusesUnknownReliabilityNullAndForeignTopics) {
 }
 
 TEST_F(DataWriter_Shared, WriteWithoutReadersDropsVolatileAndNeverCachesBestEffort) {
-    struct Row { ReliabilityQosPolicyKind reliability; DurabilityQosPolicyKind durability; bool dropped; };
+    struct Row {
+        ReliabilityQosPolicyKind reliability;
+        DurabilityQosPolicyKind durability;
+        bool dropped;
+    };
     const Row rows[] = {{RELIABLE_RELIABILITY_QOS, VOLATILE_DURABILITY_QOS, true},
                         {BEST_EFFORT_RELIABILITY_QOS, VOLATILE_DURABILITY_QOS, true},
                         {BEST_EFFORT_RELIABILITY_QOS, TRANSIENT_LOCAL_DURABILITY_QOS, false}};
@@ -162,7 +169,8 @@ TEST_F(DataWriter_Shared, WriteWithoutReadersDropsVolatileAndNeverCachesBestEffo
         DataWriter* w = Make(Qos(row.reliability, row.durability, KEEP_LAST_HISTORY_QOS, 4));
         ASSERT_NE(w, nullptr);
         LogCapture log;
-        for (int i = 0; i < 2; ++i) EXPECT_EQ(w->write("abc", 3, Handle(1)) == READERPROXY_NOT_EXIST, row.dropped);
+        for (int i = 0; i < 2; ++i)
+            EXPECT_EQ(w->write("abc", 3, Handle(1)) == READERPROXY_NOT_EXIST, row.dropped);
         // The numbers are spent all the same, and nothing stays in the cache.
         EXPECT_EQ(w->getImpl()->getRtpsWriter()->getLastChangeSequenceNumber(), SequenceNumber_t(0, 2));
         EXPECT_EQ(w->getImpl()->getHistoryCache()->GetChangeCount(), 0u);
@@ -173,7 +181,8 @@ TEST_F(DataWriter_Shared, WriteWithoutReadersDropsVolatileAndNeverCachesBestEffo
 }
 
 TEST_F(DataWriter_Shared, ReliableTransientLocalKeepsWhatEveryOverloadGives) {
-    DataWriter* w = Make(Qos(RELIABLE_RELIABILITY_QOS, TRANSIENT_LOCAL_DURABILITY_QOS, KEEP_LAST_HISTORY_QOS, 8));
+    DataWriter* w =
+        Make(Qos(RELIABLE_RELIABILITY_QOS, TRANSIENT_LOCAL_DURABILITY_QOS, KEEP_LAST_HISTORY_QOS, 8));
     ASSERT_NE(w, nullptr);
     GUID_t reader = w->getGuid();
     reader.entityId = EntityId_t{{0x00, 0x09, 0x01}, 0x04};
@@ -204,11 +213,18 @@ TEST_F(DataWriter_Shared, ReliableTransientLocalKeepsWhatEveryOverloadGives) {
 }
 
 TEST_F(DataWriter_Shared, FullHistoryReleasesTheOldestAndOnlyKeepLastLogsIt) {
-    struct Row { HistoryQosPolicyKind kind; int32_t depth; int writes; uint32_t min; };
-    const Row rows[] = {{KEEP_LAST_HISTORY_QOS, 1, 3, 3}, {KEEP_LAST_HISTORY_QOS, 3, 5, 3}, {KEEP_ALL_HISTORY_QOS, 2, 3, 2}};
+    struct Row {
+        HistoryQosPolicyKind kind;
+        int32_t depth;
+        int writes;
+        uint32_t min;
+    };
+    const Row rows[] = {
+        {KEEP_LAST_HISTORY_QOS, 1, 3, 3}, {KEEP_LAST_HISTORY_QOS, 3, 5, 3}, {KEEP_ALL_HISTORY_QOS, 2, 3, 2}};
     for (const Row& row : rows) {
         SCOPED_TRACE(&row - rows);
-        DataWriter* w = Make(Qos(RELIABLE_RELIABILITY_QOS, TRANSIENT_LOCAL_DURABILITY_QOS, row.kind, row.depth));
+        DataWriter* w =
+            Make(Qos(RELIABLE_RELIABILITY_QOS, TRANSIENT_LOCAL_DURABILITY_QOS, row.kind, row.depth));
         ASSERT_NE(w, nullptr);
         HistoryCache* pCache = w->getImpl()->getHistoryCache();
         LogCapture log;
@@ -273,7 +289,8 @@ TEST_F(DataWriter_Shared, DeleteRemovesEndpointsAndRefusesStrangers) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "ERROR: Invalid Argument\n");
 
     Publisher* other = s_p->create_publisher(PUBLISHER_QOS_DEFAULT, nullptr, 0);
-    DataWriter* a = other->create_datawriter(m_pTopic, Qos(RELIABLE_RELIABILITY_QOS, VOLATILE_DURABILITY_QOS), nullptr, 0);
+    DataWriter* a = other->create_datawriter(m_pTopic, Qos(RELIABLE_RELIABILITY_QOS, VOLATILE_DURABILITY_QOS),
+                                             nullptr, 0);
     DataWriter* b = other->create_datawriter(m_pTopic, DATAWRITER_QOS_DEFAULT, nullptr, 0);
     ASSERT_TRUE(a && b);
     const EntityId_t idA = a->getGuid().entityId, idB = b->getGuid().entityId;
@@ -306,7 +323,8 @@ public:
 TEST_F(DataWriter_Shared, StubsTouchNothingAndANewFacadeReplacesThePlainOne) {
     DataWriter* w = Make(Qos(RELIABLE_RELIABILITY_QOS, VOLATILE_DURABILITY_QOS));
     ASSERT_NE(w, nullptr);
-    EXPECT_EQ(w->set_qos(Qos(RELIABLE_RELIABILITY_QOS, VOLATILE_DURABILITY_QOS, KEEP_ALL_HISTORY_QOS)), RETCODE_OK);
+    EXPECT_EQ(w->set_qos(Qos(RELIABLE_RELIABILITY_QOS, VOLATILE_DURABILITY_QOS, KEEP_ALL_HISTORY_QOS)),
+              RETCODE_OK);
     DataWriterQos got;
     w->get_qos(got);
     EXPECT_EQ(got.history.kind, KEEP_LAST_HISTORY_QOS);

@@ -19,18 +19,25 @@ namespace {
 
 const char kRangeText[] = "A vaild range of Domain Id : 0 ~ 500 !\n";
 
-DomainParticipantFactory* Factory() { return DomainParticipantFactory::get_instance(); }
+DomainParticipantFactory* Factory() {
+    return DomainParticipantFactory::get_instance();
+}
 
 DomainParticipant* Create(int domain) {
     return Factory()->create_participant(domain, PARTICIPANT_QOS_DEFAULT, nullptr, 0);
 }
 
-size_t Count(int domain) { return Factory()->getImpl()->ParticipantCount(domain); }
+size_t Count(int domain) {
+    return Factory()->getImpl()->ParticipantCount(domain);
+}
 
 }  // namespace
 
 TEST(DomainParticipantFactory, DomainRangeIsZeroTo500ForCreateAndLookup) {
-    struct Row { int domain; bool valid; };
+    struct Row {
+        int domain;
+        bool valid;
+    };
     const Row rows[] = {{0, true}, {500, true}, {501, false}, {-1, false}, {-2147483647 - 1, false}};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.domain);
@@ -73,7 +80,8 @@ TEST(DomainParticipantFactory, LookupGivesTheFirstLivingParticipantOfItsDomain) 
 
     LogCapture log;
     EXPECT_EQ(Factory()->lookup_participant(41), nullptr);
-    std::vector<LogCapture::Entry> found = log.Find("[DomainParticipantFactoryImpl::lookup_participant] fail");
+    std::vector<LogCapture::Entry> found =
+        log.Find("[DomainParticipantFactoryImpl::lookup_participant] fail");
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0].key, 41);  // the domain, as no participant is left to name
     EXPECT_EQ(Factory()->delete_participant(apart), RETCODE_OK);

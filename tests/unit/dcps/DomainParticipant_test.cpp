@@ -42,7 +42,9 @@ protected:
 DomainParticipant* DomainParticipant_Shared::s_p = nullptr;
 
 uint32_t g_fakeTicks = 0;
-uint32_t FakeTicks() { return g_fakeTicks; }
+uint32_t FakeTicks() {
+    return g_fakeTicks;
+}
 
 }  // namespace
 
@@ -106,7 +108,11 @@ TEST_F(DomainParticipant_Shared, ContainsEntityComparesThePrefixOnly) {
 }
 
 TEST(DomainParticipant_Clock, SplitsTheWrappingTickCountIntoMilliseconds) {
-    struct Row { uint32_t ticks; int32_t sec; uint32_t nanosec; };
+    struct Row {
+        uint32_t ticks;
+        int32_t sec;
+        uint32_t nanosec;
+    };
     const Row rows[] = {{123456789u, 123456, 789000000u}, {0xFFFFFFFFu, 4294967, 295000000u}, {0, 0, 0}};
     SystemClock::SetTickCountSource(&FakeTicks);
     for (const Row& row : rows) {
@@ -171,7 +177,8 @@ TEST(DomainParticipant_Qos, GetQosIsADeepCopyThatOutlivesItsSources) {
 }
 
 TEST(DomainParticipant_Topics, BuiltinTopicNamesAreExactlyTheFour) {
-    for (const char* name : {"DCPSParticipant", "DCPSPublication", "DCPSSubscription", "DCPSParticipantMessage"})
+    for (const char* name :
+         {"DCPSParticipant", "DCPSPublication", "DCPSSubscription", "DCPSParticipantMessage"})
         EXPECT_TRUE(DomainParticipantImpl::IsBuiltinTopicName(name)) << name;
     for (const char* name : {"", "DCPSTopic", "dcpsparticipant", "DCPSParticipant "})
         EXPECT_FALSE(DomainParticipantImpl::IsBuiltinTopicName(name)) << name;
@@ -181,12 +188,18 @@ TEST_F(DomainParticipant_Shared, StubsReturnFixedValuesAndLeaveRecordsUnchanged)
     InstanceHandle_t handle(m_pImpl->getParticipantGuid());
     StringSeq params;
     InstanceHandleSeq handles;
-    const ReturnCode_t codes[] = {
-        s_p->assert_liveliness(), s_p->delete_multitopic(nullptr), s_p->ignore_participant(handle),
-        s_p->ignore_publication(handle), s_p->ignore_subscription(handle), s_p->ignore_topic(handle),
-        s_p->set_default_publisher_qos(PUBLISHER_QOS_DEFAULT), s_p->set_default_subscriber_qos(SUBSCRIBER_QOS_DEFAULT),
-        s_p->set_default_topic_qos(TOPIC_QOS_DEFAULT), s_p->get_discovered_participants(handles),
-        s_p->get_publications(handles, false), s_p->get_subscriptions(handles, true)};
+    const ReturnCode_t codes[] = {s_p->assert_liveliness(),
+                                  s_p->delete_multitopic(nullptr),
+                                  s_p->ignore_participant(handle),
+                                  s_p->ignore_publication(handle),
+                                  s_p->ignore_subscription(handle),
+                                  s_p->ignore_topic(handle),
+                                  s_p->set_default_publisher_qos(PUBLISHER_QOS_DEFAULT),
+                                  s_p->set_default_subscriber_qos(SUBSCRIBER_QOS_DEFAULT),
+                                  s_p->set_default_topic_qos(TOPIC_QOS_DEFAULT),
+                                  s_p->get_discovered_participants(handles),
+                                  s_p->get_publications(handles, false),
+                                  s_p->get_subscriptions(handles, true)};
     for (size_t i = 0; i < sizeof(codes) / sizeof(codes[0]); ++i) EXPECT_EQ(codes[i], RETCODE_OK) << i;
     EXPECT_EQ(handles.length, 0u);
     EXPECT_EQ(s_p->create_multitopic("M", "T", "SELECT * FROM T", params), nullptr);

@@ -20,7 +20,8 @@ namespace {
 const char kOwnershipFalse[] = "[DomainParticipant::create_topic] ownership is false";
 
 DomainParticipant* Create(int domain) {
-    return DomainParticipantFactory::get_instance()->create_participant(domain, PARTICIPANT_QOS_DEFAULT, nullptr, 0);
+    return DomainParticipantFactory::get_instance()->create_participant(domain, PARTICIPANT_QOS_DEFAULT,
+                                                                        nullptr, 0);
 }
 
 // One participant for the suite; every test leaves it without application entities.

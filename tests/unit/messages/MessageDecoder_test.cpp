@@ -37,12 +37,20 @@ const EntityId_t kBestEffortWriter = {{0x00, 0x04, 0x08}, 0x03};
 // little-endian, as the decoder never swaps them.
 struct Body {
     explicit Body(bool bLittle = true) : little(bLittle) {}
-    Body& U8(unsigned v) { bytes.push_back(octet(v)); return *this; }
+    Body& U8(unsigned v) {
+        bytes.push_back(octet(v));
+        return *this;
+    }
     Body& U16(unsigned v) { return little ? U8(v & 0xFF).U8(v >> 8 & 0xFF) : U8(v >> 8 & 0xFF).U8(v & 0xFF); }
     Body& U32(uint32_t v) { return little ? U16(v & 0xFFFF).U16(v >> 16) : U16(v >> 16).U16(v & 0xFFFF); }
-    Body& Id(const EntityId_t& id) { return U8(id.entityKey[0]).U8(id.entityKey[1]).U8(id.entityKey[2]).U8(id.entityKind); }
+    Body& Id(const EntityId_t& id) {
+        return U8(id.entityKey[0]).U8(id.entityKey[1]).U8(id.entityKey[2]).U8(id.entityKind);
+    }
     Body& Seq(uint32_t low, uint32_t high = 0) { return U32(high).U32(low); }
-    Body& Raw(const Octets& v) { bytes.insert(bytes.end(), v.begin(), v.end()); return *this; }
+    Body& Raw(const Octets& v) {
+        bytes.insert(bytes.end(), v.begin(), v.end());
+        return *this;
+    }
     Body& Param(uint16_t id, const Octets& value) {
         return U8(id & 0xFF).U8(id >> 8).U8(value.size() & 0xFF).U8(value.size() >> 8).Raw(value);
     }
@@ -66,8 +74,15 @@ struct Datagram {
     Datagram& Data(const EntityId_t& writer, uint32_t sn, const Octets& payload, const Body& qos = Body(),
                    bool bLittle = true) {
         Body b(bLittle);
-        b.U16(0).U16(qos.bytes.empty() ? 0 : 16).Id(ENTITYID_UNKNOWN).Id(writer).Seq(sn).Raw(qos.bytes).Raw(payload);
-        return Sub(DATA, octet((bLittle ? 1 : 0) | (qos.bytes.empty() ? 0 : 2) | (payload.empty() ? 0 : 4)), b);
+        b.U16(0)
+            .U16(qos.bytes.empty() ? 0 : 16)
+            .Id(ENTITYID_UNKNOWN)
+            .Id(writer)
+            .Seq(sn)
+            .Raw(qos.bytes)
+            .Raw(payload);
+        return Sub(DATA, octet((bLittle ? 1 : 0) | (qos.bytes.empty() ? 0 : 2) | (payload.empty() ? 0 : 4)),
+                   b);
     }
     Datagram& DataFrag(const EntityId_t& writer, uint32_t sn, uint32_t fragNum, uint32_t sampleSize,
                        const Octets& fragment) {
@@ -75,9 +90,11 @@ struct Datagram {
         b.U16(0).U16(0).Id(ENTITYID_UNKNOWN).Id(writer).Seq(sn);
         return Sub(DATA_FRAG, 1, b.U32(fragNum).U16(1).U16(FRAGMENT_SIZE).U32(sampleSize).Raw(fragment));
     }
-    Datagram& Heartbeat(const EntityId_t& writer, uint32_t first, uint32_t last, uint32_t count, bool bLittle = true) {
+    Datagram& Heartbeat(const EntityId_t& writer, uint32_t first, uint32_t last, uint32_t count,
+                        bool bLittle = true) {
         Body b(bLittle);
-        return Sub(HEARTBEAT, bLittle ? 1 : 0, b.Id(ENTITYID_UNKNOWN).Id(writer).Seq(first).Seq(last).U32(count));
+        return Sub(HEARTBEAT, bLittle ? 1 : 0,
+                   b.Id(ENTITYID_UNKNOWN).Id(writer).Seq(first).Seq(last).U32(count));
     }
     // Bitmap of numBits rounded up to words, then the count, as the encoder lays it out.
     Datagram& AckNack(const EntityId_t& writer, uint32_t base, uint32_t numBits, uint32_t count) {
@@ -124,14 +141,16 @@ Sns SnsOf(const std::vector<DataCall>& calls) {
 
 class RecordingReader : public StatefulReader {
 public:
-    explicit RecordingReader(const EntityId_t& id) : StatefulReader(GUID_t(kLocal, id), DataReaderQos(), nullptr) {}
+    explicit RecordingReader(const EntityId_t& id)
+        : StatefulReader(GUID_t(kLocal, id), DataReaderQos(), nullptr) {}
     int DataMessageReceive(const MessageReceiver& r, const DataSubMessage& m, const std::list<Parameter>& qos,
                            const octet* pData, uint32_t uiLength) override {
         data.push_back(Record(r, m, qos, pData, uiLength, dataFrag()));
         return ++dataCount, 0;
     }
     int DataFragMessageReceive(const MessageReceiver& r, const DataFragSubMessage& m, const dataFrag& f,
-                               const std::list<Parameter>& qos, const octet* pData, uint32_t uiLength) override {
+                               const std::list<Parameter>& qos, const octet* pData,
+                               uint32_t uiLength) override {
         return frags.push_back(Record(r, m, qos, pData, uiLength, f)), 0;
     }
     int HeartBeatMessageReceive(const MessageReceiver&, const heartBeatSubMessage& m) override {
@@ -140,8 +159,13 @@ public:
     int GapMessageReceive(const MessageReceiver&, const stGapSubMessage&) override { return ++gaps, 0; }
     static DataCall Record(const MessageReceiver& r, const DataSubMessage& m, const std::list<Parameter>& qos,
                            const octet* pData, uint32_t uiLength, const dataFrag& f) {
-        return DataCall{m.writerSN.low, {qos.begin(), qos.end()}, pData ? Octets(pData, pData + uiLength) : Octets(),
-                        uiLength, r.timestamp, r.sourceGuidPrefix, f};
+        return DataCall{m.writerSN.low,
+                        {qos.begin(), qos.end()},
+                        pData ? Octets(pData, pData + uiLength) : Octets(),
+                        uiLength,
+                        r.timestamp,
+                        r.sourceGuidPrefix,
+                        f};
     }
     std::vector<DataCall> data, frags;
     std::atomic<int> dataCount{0};  // for a look from another thread
@@ -151,8 +175,11 @@ public:
 
 class RecordingWriter : public StatefulWriter {
 public:
-    explicit RecordingWriter(const EntityId_t& id) : StatefulWriter(GUID_t(kLocal, id), DataWriterQos(), nullptr) {}
-    int AckNackMessageReceive(const MessageReceiver&, const ackMessage& m) override { return acks.push_back(m), 0; }
+    explicit RecordingWriter(const EntityId_t& id)
+        : StatefulWriter(GUID_t(kLocal, id), DataWriterQos(), nullptr) {}
+    int AckNackMessageReceive(const MessageReceiver&, const ackMessage& m) override {
+        return acks.push_back(m), 0;
+    }
     int NackFragMessageReceive(const MessageReceiver&, const NackFragMessage& m) override {
         return nackFrags.push_back(m), 0;
     }
@@ -164,7 +191,8 @@ class MessageProcessor_Decode : public ::testing::Test {
 protected:
     MessageProcessor_Decode()
         : m_Discovery(nullptr),
-          m_Participant(GUID_t(kLocal, ENTITYID_PARTICIPANT), nullptr, 77, nullptr, &CapturingTransmitter::Make) {
+          m_Participant(GUID_t(kLocal, ENTITYID_PARTICIPANT), nullptr, 77, nullptr,
+                        &CapturingTransmitter::Make) {
         m_Participant.setDiscovery(&m_Discovery);
         m_pSpdp = Substitute(ENTITYID_SPDP_BUILTIN_PARTICIPANT_READER);
         m_pPub = Substitute(ENTITYID_SEDP_BUILTIN_PUBLICATIONS_READER);
@@ -191,7 +219,9 @@ protected:
         return pStandIn;
     }
 
-    int Run(const Datagram& d) { return Processor().InterpretDatagram(d.bytes.data(), uint32_t(d.bytes.size())); }
+    int Run(const Datagram& d) {
+        return Processor().InterpretDatagram(d.bytes.data(), uint32_t(d.bytes.size()));
+    }
     MessageProcessor& Processor() { return *m_Participant.getMessageProcessor(); }
 
     // True when the endpoint is in the registry. A take that spins on a borrowed
@@ -236,7 +266,8 @@ TEST_F(MessageProcessor_Decode, DataOfABuiltinWriterGoesToItsBuiltinReaderWhatev
                   {ENTITYID_P2P_BUILTIN_PARTICIPANT_MESSAGE_WRITER, m_pP2p}};
     for (const auto& route : routes) {
         // From a participant that discovery has never heard of: no matching is asked.
-        EXPECT_EQ(Run(Datagram(kStranger).Data(route.writer, 5, {1, 2, 3})), MessageProcessor::INTERPRET_NO_HANDLER);
+        EXPECT_EQ(Run(Datagram(kStranger).Data(route.writer, 5, {1, 2, 3})),
+                  MessageProcessor::INTERPRET_NO_HANDLER);
         ASSERT_EQ(route.reader->data.size(), 1u);
         EXPECT_EQ(route.reader->data[0].payload, (Octets{1, 2, 3}));
         EXPECT_EQ(0, std::memcmp(route.reader->data[0].source.value, kStranger.value, 12));
@@ -262,7 +293,8 @@ TEST_F(MessageProcessor_Decode, DataFragAlwaysGoesThroughMatchingEvenFromABuilti
     Run(d);
     EXPECT_TRUE(m_pSpdp->frags.empty());
     EXPECT_EQ(CountLog("[MessageProcessor::InterpretDataFragMessage] Seq = 4 FragmentStartingNum = 2 "
-                       "FragmentsInSubmessage = 1 usFragmentSize = 64512 uiSampleSize = 70000"), 1);
+                       "FragmentsInSubmessage = 1 usFragmentSize = 64512 uiSampleSize = 70000"),
+              1);
     EXPECT_EQ(CountLog("[MessageProcessor::InterpretDataFragMessage] pReader = NULL"), 1);
 
     m_Discovery.addWriterReaderPair(GUID_t(kRemote, ENTITYID_SPDP_BUILTIN_PARTICIPANT_WRITER), kUserReader);
@@ -276,7 +308,8 @@ TEST_F(MessageProcessor_Decode, DataFragAlwaysGoesThroughMatchingEvenFromABuilti
 
 TEST_F(MessageProcessor_Decode, HeartbeatGoesToTheSedpReadersOrThroughMatching) {
     Run(Datagram()
-            .Sub(INFO_DST, 1, Body().Raw(Octets(kStranger.value, kStranger.value + 12)))  // for another: stops nothing
+            .Sub(INFO_DST, 1,
+                 Body().Raw(Octets(kStranger.value, kStranger.value + 12)))  // for another: stops nothing
             .Heartbeat(ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER, 1, 3, 11)
             .Heartbeat(ENTITYID_SEDP_BUILTIN_SUBSCRIPTIONS_WRITER, 2, 4, 12)
             .Heartbeat(kRemoteWriter, 5, 8, 13)
@@ -316,7 +349,8 @@ TEST_F(MessageProcessor_Decode, GapAndNackFragForABestEffortWriterKeepTheEndpoin
     EXPECT_EQ(CountLog("[MessageProcessor::InterpretNackFragMessage] pStatefulWriter = NULL"), 1);
     EXPECT_FALSE(IsAvailable(m_pBestEffort));  // IsAvailable gives it back
 
-    Run(Datagram().Gap(ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER, 5)
+    Run(Datagram()
+            .Gap(ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER, 5)
             .Data(ENTITYID_SPDP_BUILTIN_PARTICIPANT_WRITER, 1, {1}));
     EXPECT_FALSE(IsAvailable(m_pPub));
     EXPECT_EQ(m_pSpdp->data.size(), 1u);  // the walk went on behind the GAP
@@ -329,12 +363,13 @@ TEST_F(MessageProcessor_Decode, GapAndNackFragForABestEffortWriterKeepTheEndpoin
 
 TEST_F(MessageProcessor_Decode, UnknownKindsAreSkippedByTheirLengthAndZeroEndsTheWalk) {
     Datagram d;
-    d.Sub(0x01, 1, Body().U32(0xFFFFFFFF).U32(0x15011500))   // PAD holding bytes that look like DATA
-        .Sub(0x0C, 1, Body().Raw(Octets(20, 0x16)))            // INFO_SRC
-        .Sub(0x80, 0, Body().Raw(Octets(3, 0x07)))             // vendor kind, other byte order, odd length
+    d.Sub(0x01, 1, Body().U32(0xFFFFFFFF).U32(0x15011500))  // PAD holding bytes that look like DATA
+        .Sub(0x0C, 1, Body().Raw(Octets(20, 0x16)))         // INFO_SRC
+        .Sub(0x80, 0, Body().Raw(Octets(3, 0x07)))          // vendor kind, other byte order, odd length
         .Data(kRemoteWriter, 1, {1});
     EXPECT_EQ(Run(d), MessageProcessor::INTERPRET_NO_HANDLER);
-    EXPECT_EQ(Run(Datagram().Sub(0x01, 1, Body()).Data(kRemoteWriter, 2, {1})), MessageProcessor::INTERPRET_NO_HANDLER);
+    EXPECT_EQ(Run(Datagram().Sub(0x01, 1, Body()).Data(kRemoteWriter, 2, {1})),
+              MessageProcessor::INTERPRET_NO_HANDLER);
     EXPECT_EQ(SnsOf(m_pUser->data), Sns{1});
 }
 
@@ -350,7 +385,8 @@ TEST_F(MessageProcessor_Decode, OtherByteOrderSwapsTheFieldsButDataLengthIsReadU
     EXPECT_EQ(SnsOf(m_pUser->data), (Sns{0x0102, 3}));  // both found behind swapped lengths
     // octetsToNextHeader 24 arrives as 00 18 and reads 0x1800 before the swap.
     EXPECT_EQ(m_pUser->data[0].length, 0x1800u - 20);
-    EXPECT_EQ(Octets(m_pUser->data[0].payload.begin(), m_pUser->data[0].payload.begin() + 4), (Octets{9, 9, 9, 9}));
+    EXPECT_EQ(Octets(m_pUser->data[0].payload.begin(), m_pUser->data[0].payload.begin() + 4),
+              (Octets{9, 9, 9, 9}));
 }
 
 TEST_F(MessageProcessor_Decode, InlineQosIsReadUpToTheSentinelAndTakenOffThePayload) {
@@ -409,13 +445,14 @@ TEST_F(MessageProcessor_Decode, ALongDatagramIsCutAtTheBufferAndFixedRecordsRead
     Datagram d;
     FillTo(d, MessageProcessor::MESSAGE_BUFFER_SIZE - 32);
     d.AckNack(kLocalWriter, 5, 32, 0x12345678);  // 32 octets: ends with the buffer
-    d.bytes.resize(d.bytes.size() + 100, 0xEE);   // never seen
+    d.bytes.resize(d.bytes.size() + 100, 0xEE);  // never seen
     EXPECT_EQ(Run(d), MessageProcessor::INTERPRET_NO_HANDLER);
     ASSERT_EQ(m_pWriter->acks.size(), 1u);
     const ackMessage& ack = m_pWriter->acks[0];
     // The count stands where a full bitmap would go on; behind it only zeros.
     const WireSequenceNumberSet& set = ack.readerSNState;
-    EXPECT_EQ(Sns({set.bitmapBase.low, set.bitmap[1], set.bitmap[2], ack.count}), (Sns{5, 0x12345678u, 0, 0}));
+    EXPECT_EQ(Sns({set.bitmapBase.low, set.bitmap[1], set.bitmap[2], ack.count}),
+              (Sns{5, 0x12345678u, 0, 0}));
 }
 
 TEST_F(MessageProcessor_Decode, MalformedDataIsDroppedAndEndsTheWalk) {
@@ -423,8 +460,10 @@ TEST_F(MessageProcessor_Decode, MalformedDataIsDroppedAndEndsTheWalk) {
     noSentinel.Param(112, Octets(8, 1));
     const Datagram cases[] = {
         Datagram().Data(kRemoteWriter, 1, {1}, noSentinel).Data(kRemoteWriter, 2, {2}),
-        Datagram().Sub(DATA, 5, Body().Raw(Octets(16, 0)), 16).Data(kRemoteWriter, 2, {2}),  // shorter than its front
-        Datagram()  // no room for the fragment fields
+        Datagram()
+            .Sub(DATA, 5, Body().Raw(Octets(16, 0)), 16)
+            .Data(kRemoteWriter, 2, {2}),  // shorter than its front
+        Datagram()                         // no room for the fragment fields
             .Sub(DATA_FRAG, 1, Body().U16(0).U16(0).Id(ENTITYID_UNKNOWN).Id(kRemoteWriter).Seq(1).U32(1))
             .Data(kRemoteWriter, 2, {2}),
     };
@@ -482,8 +521,12 @@ TEST_F(MessageProcessor_Decode, TheProcessThreadDecodesFromTheRingAndStopsWithIt
 namespace {
 // Two DATA in one datagram, the first as long as the short datagram's only one:
 // a short datagram read over the long one's bytes would walk on into sn 99.
-Datagram LongPair() { return Datagram().Data(kRemoteWriter, 1, {1}).Data(kRemoteWriter, 99, {9}); }
-Datagram Short() { return Datagram().Data(kRemoteWriter, 2, {2}); }
+Datagram LongPair() {
+    return Datagram().Data(kRemoteWriter, 1, {1}).Data(kRemoteWriter, 99, {9});
+}
+Datagram Short() {
+    return Datagram().Data(kRemoteWriter, 2, {2});
+}
 
 bool ZeroFrom(const std::vector<octet>& buffer, size_t uiFrom) {
     for (size_t i = uiFrom; i < buffer.size(); ++i)
@@ -532,7 +575,8 @@ TEST_F(MessageProcessor_Decode, TheOneBufferFormsClearAllThatTheCallerMayHaveLef
     const Datagram longer = LongPair(), shorter = Short();
     std::vector<octet> buffer(MessageProcessor::MESSAGE_BUFFER_SIZE, 0xFF);
     std::copy(longer.bytes.begin(), longer.bytes.end(), buffer.begin());
-    ASSERT_EQ(m_Participant.getReceiveBuffer()->Write(shorter.bytes.data(), uint32_t(shorter.bytes.size())), 0);
+    ASSERT_EQ(m_Participant.getReceiveBuffer()->Write(shorter.bytes.data(), uint32_t(shorter.bytes.size())),
+              0);
     EXPECT_EQ(Processor().InterpretMessage(buffer.data()), 0);
     EXPECT_TRUE(ZeroFrom(buffer, shorter.bytes.size()));
     // The test path copies into a buffer of its own each time.

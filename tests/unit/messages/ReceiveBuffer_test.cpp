@@ -17,44 +17,36 @@
 #include "log/LogObserver.h"
 #include "messages/MessageProcessor.h"
 
-namespace
-{
+namespace {
 using Clock = std::chrono::steady_clock;
 
-long long ElapsedMs(Clock::time_point start)
-{
+long long ElapsedMs(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-std::vector<octet> Pattern(size_t uiLength, octet seed)
-{
+std::vector<octet> Pattern(size_t uiLength, octet seed) {
     std::vector<octet> data(uiLength);
-    for (size_t i = 0; i < uiLength; ++i)
-        data[i] = static_cast<octet>(seed + i * 7);
+    for (size_t i = 0; i < uiLength; ++i) data[i] = static_cast<octet>(seed + i * 7);
     return data;
 }
 
 // Collects the texts handed to the log while it lives.
-class LogCapture
-{
+class LogCapture {
 public:
     LogCapture() { SetLogObserver(&LogCapture::Observe, this); }
     ~LogCapture() { SetLogObserver(nullptr, nullptr); }
 
-    std::vector<std::string> Lines()
-    {
+    std::vector<std::string> Lines() {
         std::lock_guard<std::mutex> lock(m_Mutex);
         return m_Lines;
     }
-    std::vector<int> Keys()
-    {
+    std::vector<int> Keys() {
         std::lock_guard<std::mutex> lock(m_Mutex);
         return m_Keys;
     }
 
 private:
-    static void Observe(void* context, int key, const char* text, size_t length, int code)
-    {
+    static void Observe(void* context, int key, const char* text, size_t length, int code) {
         LogCapture* self = static_cast<LogCapture*>(context);
         std::lock_guard<std::mutex> lock(self->m_Mutex);
         self->m_Lines.emplace_back(text, length);
@@ -69,8 +61,7 @@ private:
 
 // Writes and reads back one filler record so that the next record of an empty
 // ring starts at uiOffset.
-void MoveIndicesTo(ReceiveBuffer& ring, uint32_t uiOffset)
-{
+void MoveIndicesTo(ReceiveBuffer& ring, uint32_t uiOffset) {
     ASSERT_GE(uiOffset, 4u);
     std::vector<octet> filler(uiOffset - 4, 0xEE);
     ASSERT_EQ(0, ring.Write(filler.data(), static_cast<uint32_t>(filler.size())));
@@ -80,10 +71,9 @@ void MoveIndicesTo(ReceiveBuffer& ring, uint32_t uiOffset)
     ASSERT_EQ(filler.size(), uiLength);
     ASSERT_EQ(ring.GetLength(), ring.GetAvailableLength());
 }
-} // namespace
+}  // namespace
 
-TEST(ReceiveBuffer_wrap, LengthPrefixStraddlesTheEnd)
-{
+TEST(ReceiveBuffer_wrap, LengthPrefixStraddlesTheEnd) {
     for (uint32_t uiOffset : {61u, 62u, 63u})  // 3, 2 and 1 prefix bytes before the end
     {
         SCOPED_TRACE(uiOffset);
@@ -102,10 +92,9 @@ TEST(ReceiveBuffer_wrap, LengthPrefixStraddlesTheEnd)
     }
 }
 
-TEST(ReceiveBuffer_wrap, BodyStraddlesTheEnd)
-{
+TEST(ReceiveBuffer_wrap, BodyStraddlesTheEnd) {
     ReceiveBuffer ring(64);
-    MoveIndicesTo(ring, 40);   // prefix at 40..43, body 44..63 and 0..9
+    MoveIndicesTo(ring, 40);  // prefix at 40..43, body 44..63 and 0..9
     std::vector<octet> data = Pattern(30, 3);
     ASSERT_EQ(0, ring.Write(data.data(), 30));
 
@@ -116,12 +105,11 @@ TEST(ReceiveBuffer_wrap, BodyStraddlesTheEnd)
     EXPECT_EQ(0, std::memcmp(data.data(), out.data(), 30));
 }
 
-TEST(ReceiveBuffer_wrap, RecordEndingExactlyAtTheEndRestartsAtZero)
-{
+TEST(ReceiveBuffer_wrap, RecordEndingExactlyAtTheEndRestartsAtZero) {
     ReceiveBuffer ring(64);
     MoveIndicesTo(ring, 32);
-    std::vector<octet> first = Pattern(28, 1);    // 32..63
-    std::vector<octet> second = Pattern(10, 9);   // starts at 0
+    std::vector<octet> first = Pattern(28, 1);   // 32..63
+    std::vector<octet> second = Pattern(10, 9);  // starts at 0
     ASSERT_EQ(0, ring.Write(first.data(), 28));
     ASSERT_EQ(0, ring.Write(second.data(), 10));
 
@@ -135,16 +123,15 @@ TEST(ReceiveBuffer_wrap, RecordEndingExactlyAtTheEndRestartsAtZero)
     EXPECT_EQ(0, std::memcmp(second.data(), out.data(), 10));
 }
 
-TEST(ReceiveBuffer_room, RefusedAtExactlyLengthPlusFourFree)
-{
+TEST(ReceiveBuffer_room, RefusedAtExactlyLengthPlusFourFree) {
     LogCapture log;
     ReceiveBuffer ring(64);
     ring.SetDomainId(0x10007);
     std::vector<octet> data = Pattern(60, 0);
 
-    EXPECT_EQ(RETCODE_BUFFER_FULL, ring.Write(data.data(), 60));   // 64 free == 60 + 4
+    EXPECT_EQ(RETCODE_BUFFER_FULL, ring.Write(data.data(), 60));  // 64 free == 60 + 4
     EXPECT_EQ(64u, ring.GetAvailableLength());
-    EXPECT_EQ(0, ring.Write(data.data(), 59));                     // 64 > 59 + 4
+    EXPECT_EQ(0, ring.Write(data.data(), 59));  // 64 > 59 + 4
     EXPECT_EQ(1u, ring.GetAvailableLength());
 
     std::vector<std::string> lines = log.Lines();
@@ -153,14 +140,13 @@ TEST(ReceiveBuffer_room, RefusedAtExactlyLengthPlusFourFree)
     EXPECT_EQ(0x10007, log.Keys()[0]);
 }
 
-TEST(ReceiveBuffer_room, FullRingKeepsStoredRecords)
-{
+TEST(ReceiveBuffer_room, FullRingKeepsStoredRecords) {
     ReceiveBuffer ring(64);
     std::vector<octet> a = Pattern(20, 1);
     std::vector<octet> b = Pattern(20, 2);
     ASSERT_EQ(0, ring.Write(a.data(), 20));
     ASSERT_EQ(0, ring.Write(b.data(), 20));
-    EXPECT_EQ(RETCODE_BUFFER_FULL, ring.Write(a.data(), 12));   // 16 free, not > 16
+    EXPECT_EQ(RETCODE_BUFFER_FULL, ring.Write(a.data(), 12));  // 16 free, not > 16
     EXPECT_EQ(0, ring.Write(a.data(), 11));
 
     std::vector<octet> out(65536);
@@ -173,8 +159,7 @@ TEST(ReceiveBuffer_room, FullRingKeepsStoredRecords)
     EXPECT_EQ(11u, uiLength);
 }
 
-TEST(ReceiveBuffer_room, HugeLengthDoesNotWrapTheRoomTest)
-{
+TEST(ReceiveBuffer_room, HugeLengthDoesNotWrapTheRoomTest) {
     ReceiveBuffer ring(64);
     octet byte = 0;
     EXPECT_EQ(RETCODE_BUFFER_FULL, ring.Write(&byte, 0xFFFFFFFFu));
@@ -182,8 +167,7 @@ TEST(ReceiveBuffer_room, HugeLengthDoesNotWrapTheRoomTest)
     EXPECT_EQ(64u, ring.GetAvailableLength());
 }
 
-TEST(ReceiveBuffer_read, EmptyRingTimesOutAfterAboutOneSecondSilently)
-{
+TEST(ReceiveBuffer_read, EmptyRingTimesOutAfterAboutOneSecondSilently) {
     LogCapture log;
     ReceiveBuffer ring(64);
     std::vector<octet> out(65536);
@@ -197,8 +181,7 @@ TEST(ReceiveBuffer_read, EmptyRingTimesOutAfterAboutOneSecondSilently)
     EXPECT_TRUE(log.Lines().empty());
 }
 
-TEST(ReceiveBuffer_read, ZeroLengthRecordIsARecord)
-{
+TEST(ReceiveBuffer_read, ZeroLengthRecordIsARecord) {
     ReceiveBuffer ring(64);
     ASSERT_EQ(0, ring.Write(nullptr, 0));
     EXPECT_EQ(60u, ring.GetAvailableLength());
@@ -210,8 +193,7 @@ TEST(ReceiveBuffer_read, ZeroLengthRecordIsARecord)
     EXPECT_EQ(0u, uiLength);
 }
 
-TEST(ReceiveBuffer_read, LongRecordIsCutAtTheDestinationSize)
-{
+TEST(ReceiveBuffer_read, LongRecordIsCutAtTheDestinationSize) {
     ReceiveBuffer ring(256);
     std::vector<octet> big = Pattern(100, 5);
     std::vector<octet> next = Pattern(8, 6);
@@ -230,27 +212,22 @@ TEST(ReceiveBuffer_read, LongRecordIsCutAtTheDestinationSize)
     EXPECT_EQ(0, std::memcmp(next.data(), out.data(), 8));
 }
 
-TEST(ReceiveBuffer_order, ManyRecordsComeBackInOrderAcrossWraps)
-{
+TEST(ReceiveBuffer_order, ManyRecordsComeBackInOrderAcrossWraps) {
     // Records of varying size keep the indices drifting over the end of a
     // small ring, so every split of prefix and body occurs.
     ReceiveBuffer ring(1000);
     std::vector<octet> out(65536);
     uint32_t uiNextToRead = 0;
     uint32_t uiNextToWrite = 0;
-    for (int iRound = 0; iRound < 400; ++iRound)
-    {
-        for (int k = 0; k < 3; ++k)
-        {
+    for (int iRound = 0; iRound < 400; ++iRound) {
+        for (int k = 0; k < 3; ++k) {
             uint32_t uiSize = 1 + (uiNextToWrite * 37) % 200;
             std::vector<octet> data = Pattern(uiSize, static_cast<octet>(uiNextToWrite));
             std::memcpy(data.data(), &uiNextToWrite, uiSize >= 4 ? 4 : 0);
-            if (ring.Write(data.data(), uiSize) != 0)
-                break;
+            if (ring.Write(data.data(), uiSize) != 0) break;
             ++uiNextToWrite;
         }
-        for (int k = 0; k < 2 && uiNextToRead < uiNextToWrite; ++k)
-        {
+        for (int k = 0; k < 2 && uiNextToRead < uiNextToWrite; ++k) {
             uint32_t uiLength = 0;
             ASSERT_EQ(0, ring.Read(out.data(), uiLength));
             uint32_t uiSize = 1 + (uiNextToRead * 37) % 200;
@@ -261,8 +238,7 @@ TEST(ReceiveBuffer_order, ManyRecordsComeBackInOrderAcrossWraps)
             ++uiNextToRead;
         }
     }
-    while (uiNextToRead < uiNextToWrite)
-    {
+    while (uiNextToRead < uiNextToWrite) {
         uint32_t uiLength = 0;
         ASSERT_EQ(0, ring.Read(out.data(), uiLength));
         ASSERT_EQ(1 + (uiNextToRead * 37) % 200, uiLength);
@@ -272,8 +248,7 @@ TEST(ReceiveBuffer_order, ManyRecordsComeBackInOrderAcrossWraps)
     EXPECT_EQ(1000u, ring.GetAvailableLength());
 }
 
-TEST(ReceiveBuffer_gate, WaitingReaderIsWokenByAWrite)
-{
+TEST(ReceiveBuffer_gate, WaitingReaderIsWokenByAWrite) {
     ReceiveBuffer ring(4096);
     std::atomic<int> result(-1);
     std::atomic<uint32_t> length(0);
@@ -297,25 +272,20 @@ TEST(ReceiveBuffer_gate, WaitingReaderIsWokenByAWrite)
     EXPECT_LT(waitedMs.load(), 900);
 }
 
-TEST(ReceiveBuffer_gate, ConcurrentWritersAndOneReaderLoseNothing)
-{
+TEST(ReceiveBuffer_gate, ConcurrentWritersAndOneReaderLoseNothing) {
     ReceiveBuffer ring(64 * 1024);
     const int kWriters = 4;
     const int kPerWriter = 2000;
     std::atomic<int> refused(0);
     std::vector<std::thread> writers;
-    for (int w = 0; w < kWriters; ++w)
-    {
+    for (int w = 0; w < kWriters; ++w) {
         writers.emplace_back([&, w] {
-            for (int i = 0; i < kPerWriter; ++i)
-            {
+            for (int i = 0; i < kPerWriter; ++i) {
                 uint32_t auiRecord[2] = {static_cast<uint32_t>(w), static_cast<uint32_t>(i)};
                 // Retry a bounded number of times when the reader lags.
                 int iTries = 0;
-                while (ring.Write(reinterpret_cast<octet*>(auiRecord), sizeof(auiRecord)) != 0)
-                {
-                    if (++iTries > 5000)
-                    {
+                while (ring.Write(reinterpret_cast<octet*>(auiRecord), sizeof(auiRecord)) != 0) {
+                    if (++iTries > 5000) {
                         ++refused;
                         break;
                     }
@@ -328,11 +298,9 @@ TEST(ReceiveBuffer_gate, ConcurrentWritersAndOneReaderLoseNothing)
     std::vector<octet> out(65536);
     int iReceived = 0;
     Clock::time_point start = Clock::now();
-    while (iReceived + refused.load() < kWriters * kPerWriter && ElapsedMs(start) < 20000)
-    {
+    while (iReceived + refused.load() < kWriters * kPerWriter && ElapsedMs(start) < 20000) {
         uint32_t uiLength = 0;
-        if (ring.Read(out.data(), uiLength) != 0)
-            continue;
+        if (ring.Read(out.data(), uiLength) != 0) continue;
         ASSERT_EQ(8u, uiLength);
         uint32_t auiRecord[2];
         std::memcpy(auiRecord, out.data(), 8);
@@ -342,15 +310,13 @@ TEST(ReceiveBuffer_gate, ConcurrentWritersAndOneReaderLoseNothing)
         nextPerWriter[auiRecord[0]] = static_cast<int>(auiRecord[1]) + 1;
         ++iReceived;
     }
-    for (std::thread& t : writers)
-        t.join();
+    for (std::thread& t : writers) t.join();
     EXPECT_EQ(0, refused.load());
     EXPECT_EQ(kWriters * kPerWriter, iReceived);
     EXPECT_EQ(64u * 1024u, ring.GetAvailableLength());
 }
 
-TEST(ReceiveBuffer, DefaultCapacityIsFiftyMebibytes)
-{
+TEST(ReceiveBuffer, DefaultCapacityIsFiftyMebibytes) {
     ReceiveBuffer ring;
     EXPECT_EQ(52428800u, ring.GetLength());
     EXPECT_EQ(52428800u, ring.GetAvailableLength());
@@ -364,8 +330,7 @@ TEST(ReceiveBuffer, DefaultCapacityIsFiftyMebibytes)
 }
 
 // Wake: the stop's early end of a reader's wait.
-TEST(ReceiveBuffer_wake, WaitingReaderReturnsNothingAtOnceAndSilently)
-{
+TEST(ReceiveBuffer_wake, WaitingReaderReturnsNothingAtOnceAndSilently) {
     LogCapture log;
     ReceiveBuffer ring(64);
     std::atomic<int> result(-1);
@@ -377,7 +342,7 @@ TEST(ReceiveBuffer_wake, WaitingReaderReturnsNothingAtOnceAndSilently)
         result = ring.Read(out.data(), uiLength);
         waitedMs = ElapsedMs(start);
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));   // inside the wait by now
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // inside the wait by now
     ring.Wake();
     reader.join();
     EXPECT_EQ(1, result.load());
@@ -392,12 +357,11 @@ TEST(ReceiveBuffer_wake, WaitingReaderReturnsNothingAtOnceAndSilently)
     EXPECT_TRUE(log.Lines().empty());
 }
 
-TEST(ReceiveBuffer_wake, WakeBeforeTheReadIsNotLostAndIsUsedOnce)
-{
+TEST(ReceiveBuffer_wake, WakeBeforeTheReadIsNotLostAndIsUsedOnce) {
     LogCapture log;
     ReceiveBuffer ring(64);
     ring.Wake();
-    ring.Wake();   // the gate holds one token: the second wake adds nothing
+    ring.Wake();  // the gate holds one token: the second wake adds nothing
     std::vector<octet> out(65536);
     uint32_t uiLength = 0;
     Clock::time_point start = Clock::now();
@@ -410,15 +374,14 @@ TEST(ReceiveBuffer_wake, WakeBeforeTheReadIsNotLostAndIsUsedOnce)
     EXPECT_TRUE(log.Lines().empty());
 }
 
-TEST(ReceiveBuffer_wake, RecordsWaitingAtTheWakeAreStillReadInOrder)
-{
+TEST(ReceiveBuffer_wake, RecordsWaitingAtTheWakeAreStillReadInOrder) {
     LogCapture log;
     ReceiveBuffer ring(256);
     std::vector<octet> a = Pattern(10, 1);
     std::vector<octet> b = Pattern(20, 2);
     ASSERT_EQ(0, ring.Write(a.data(), 10));
     ASSERT_EQ(0, ring.Write(b.data(), 20));
-    ring.Wake();   // the gate is open already: the post is refused and harmless
+    ring.Wake();  // the gate is open already: the post is refused and harmless
 
     std::vector<octet> out(65536);
     uint32_t uiLength = 0;
@@ -437,21 +400,18 @@ TEST(ReceiveBuffer_wake, RecordsWaitingAtTheWakeAreStillReadInOrder)
 }
 
 // Every line of every class, for the process loop's stop lines.
-struct StopLines
-{
+struct StopLines {
     std::mutex mutex;
     std::vector<std::pair<std::string, int>> lines;
 
-    static void Observe(void* context, int, const char* text, size_t length, int code)
-    {
+    static void Observe(void* context, int, const char* text, size_t length, int code) {
         StopLines* self = static_cast<StopLines*>(context);
         std::lock_guard<std::mutex> lock(self->mutex);
         self->lines.emplace_back(std::string(text, length), code);
     }
 };
 
-TEST(ReceiveBuffer_wake, ProcessLoopStopsWithinMillisecondsWithItsUsualLines)
-{
+TEST(ReceiveBuffer_wake, ProcessLoopStopsWithinMillisecondsWithItsUsualLines) {
     StopLines log;
     SetLogObserver(&StopLines::Observe, &log);
     ReceiveBuffer ring(4096);
@@ -460,7 +420,7 @@ TEST(ReceiveBuffer_wake, ProcessLoopStopsWithinMillisecondsWithItsUsualLines)
 
     testing::internal::CaptureStdout();
     std::thread loop(&MessageProcessor::ProcessRun, &processor);
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));   // inside the ring's wait
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));  // inside the ring's wait
     Clock::time_point start = Clock::now();
     processor.RequestStop();
     while (!processor.IsStopped() && ElapsedMs(start) < 3000)

@@ -25,7 +25,9 @@ const uint32_t kFragment = 64512;
 const Time_t kStamp(0x5F000001, 0x80000000);
 const SequenceNumber_t kSeq(0, 0x21);
 
-void Put16(Bytes& b, uint16_t v) { b.insert(b.end(), {uint8_t(v), uint8_t(v >> 8)}); }
+void Put16(Bytes& b, uint16_t v) {
+    b.insert(b.end(), {uint8_t(v), uint8_t(v >> 8)});
+}
 void Put32(Bytes& b, uint32_t v) {
     b.insert(b.end(), {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)});
 }

@@ -15,7 +15,9 @@
 #include "rtps/CacheChange.h"
 
 namespace {
-SequenceNumber_t Sn(uint32_t low) { return SequenceNumber_t(0, low); }
+SequenceNumber_t Sn(uint32_t low) {
+    return SequenceNumber_t(0, low);
+}
 
 // Runs AddChange on a thread of its own so that a blocking add can be watched
 // with bounded waits. If the add never finishes, the thread is detached and
@@ -41,7 +43,9 @@ private:
 };
 
 Time_t g_Now;
-Time_t FakeNow() { return g_Now; }
+Time_t FakeNow() {
+    return g_Now;
+}
 }  // namespace
 
 // ---------------------------------------------------------------- store and semaphore

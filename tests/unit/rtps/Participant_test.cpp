@@ -37,7 +37,9 @@ Locator_t Loc(const std::string& strAddress, uint32_t uiPort) {
     return locator;
 }
 
-EntityId_t Id(octet a, octet b, octet c, octet d) { return EntityId_t{{a, b, c}, d}; }
+EntityId_t Id(octet a, octet b, octet c, octet d) {
+    return EntityId_t{{a, b, c}, d};
+}
 
 DataWriterQos WriterQos(ReliabilityQosPolicyKind kind) {
     DataWriterQos qos;

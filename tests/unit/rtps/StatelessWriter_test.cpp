@@ -24,7 +24,9 @@ DataWriterQos BestEffort() {
 }
 
 std::atomic<uint32_t> g_Ticks{0};
-uint32_t FakeTicks() { return g_Ticks.load(); }
+uint32_t FakeTicks() {
+    return g_Ticks.load();
+}
 
 const Locator_t kSource = UdpLocator(10, 0, 0, 5, 7411);
 const Locator_t kUnicast = UdpLocator(10, 0, 0, 7, 7661);

@@ -13,7 +13,9 @@
 namespace {
 typedef std::vector<std::string> Texts;
 
-SequenceNumber_t Sn(uint32_t low) { return SequenceNumber_t(0, low); }
+SequenceNumber_t Sn(uint32_t low) {
+    return SequenceNumber_t(0, low);
+}
 
 GUID_t RemoteWriterGuid() {
     GUID_t guid = GUID_UNKNOWN;

@@ -35,7 +35,9 @@ void FreeChange(CacheChange* pChange) {
 }
 
 std::atomic<uint32_t> g_Ticks{0};
-uint32_t FakeTicks() { return g_Ticks.load(); }
+uint32_t FakeTicks() {
+    return g_Ticks.load();
+}
 
 class Writer_liveliness : public ::testing::Test {
 protected:
