@@ -139,15 +139,6 @@ TEST(NetnsGuard, NamesAreAllowedAsLoopbackOrByPrefix) {
     }
 }
 
-TEST(NetnsGuard, OuterHostsNamespaceRefusedWithoutBridgeAllowance) {
-    if (!std::getenv("MORVODDS_NETNS_HOSTS")) GTEST_SKIP() << "needs scripts/netns-run --hosts N";
-    std::string strWhy;
-    EXPECT_FALSE(NetnsIsPrivate(&strWhy));
-    EXPECT_TRUE(Contains(strWhy, kForeignText) && Contains(strWhy, "br0") && Contains(strWhy, "veth1"))
-        << strWhy;
-    EXPECT_TRUE(NetnsIsPrivate(&strWhy, {"br0", "veth"})) << strWhy;
-}
-
 // Builds a namespace up step by step, recording both verdicts after each step.
 TEST(NetnsGuard, FreshNamespaceVerdictsFollowItsSetUp) {
     std::vector<std::string> lines = InFreshNetns([](std::vector<std::string>* out) {
