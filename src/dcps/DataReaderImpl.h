@@ -107,6 +107,11 @@ private:
     void NotifyDataAvailable(DataReaderListener* pListener);
     // Copies (bTake false) or hands over (bTake true) the newest sample.
     ReturnCode_t NextSample(UserData& data_value, bool bTake);
+    // read (bTake false: copies) and take (true: hands the buffers over): NO_DATA,
+    // logged with szNoDataFormat (given the topic name), on an empty cache; else
+    // both sized to the count and filled.
+    ReturnCode_t CollectSamples(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos,
+                                const char* szNoDataFormat, bool bTake);
     bool IsBuiltinTopic() const;
     void Log(const char* szText, int iCode) const;
 

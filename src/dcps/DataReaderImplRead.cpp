@@ -41,18 +41,12 @@ UserData& Element(std::vector<UserData>& data_values, uint32_t uiIndex) {
 
 }  // namespace
 
-ReturnCode_t DataReaderImpl::read(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos,
-                                  int max_samples, unsigned sample_states, unsigned view_states,
-                                  unsigned instance_states) {
-    (void)max_samples;
-    (void)sample_states;
-    (void)view_states;
-    (void)instance_states;
-    char szLog[200];
+ReturnCode_t DataReaderImpl::CollectSamples(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos,
+                                            const char* szNoDataFormat, bool bTake) {
     const uint32_t uiCount = m_pHistoryCache->GetChangeCount();
     if (uiCount == 0) {
-        std::snprintf(szLog, sizeof(szLog), "{DataReaderImpl::read] NO_DATA Error and TopicName = %s",
-                      m_strTopicName.c_str());
+        char szLog[200];
+        std::snprintf(szLog, sizeof(szLog), szNoDataFormat, m_strTopicName.c_str());
         Log(szLog, DDSLOG_INFO);
         return NO_DATA;
     }
@@ -60,47 +54,39 @@ ReturnCode_t DataReaderImpl::read(std::vector<UserData>& data_values, SampleInfo
     sample_infos.reallocate(uiCount);
     sample_infos.set_length(uiCount);
 
+    // Deliberately kept as it has always behaved for take: each take lowers the
+    // count while the index rises and the index counts only the entries still
+    // held, so one call takes entries 0, 2, 4, ... of the cache. The others wait
+    // for the next call, and the tail of the vector keeps null elements.
+    // Applications call take until empty.
     for (uint32_t i = 0; i < m_pHistoryCache->GetChangeCount(); ++i) {
         const SequenceNumber_t seqNum = m_pHistoryCache->GetSeqNumAt(i);
-        // Borrowed for the copy, so that the process thread cannot free it meanwhile.
+        // A read borrows it for the copy, so that the process thread cannot free it meanwhile.
         CacheChange* pCacheChange = m_pHistoryCache->takeChange(seqNum);
         if (pCacheChange == nullptr) continue;
-        CopyOut(pCacheChange, Element(data_values, i));
-        m_pHistoryCache->returnChange(pCacheChange);
+        if (bTake) {
+            HandOver(pCacheChange, Element(data_values, i));
+        } else {
+            CopyOut(pCacheChange, Element(data_values, i));
+            m_pHistoryCache->returnChange(pCacheChange);
+        }
     }
     return RETCODE_OK;
 }
 
-ReturnCode_t DataReaderImpl::take(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos,
-                                  int max_samples, unsigned sample_states, unsigned view_states,
-                                  unsigned instance_states) {
-    (void)max_samples;
-    (void)sample_states;
-    (void)view_states;
-    (void)instance_states;
-    char szLog[200];
-    const uint32_t uiCount = m_pHistoryCache->GetChangeCount();
-    if (uiCount == 0) {
-        std::snprintf(szLog, sizeof(szLog), "{DataReaderImpl::take] NO_DATA Error and TopicName = %s",
-                      m_strTopicName.c_str());
-        Log(szLog, DDSLOG_INFO);
-        return NO_DATA;
-    }
-    data_values.resize(uiCount);
-    sample_infos.reallocate(uiCount);
-    sample_infos.set_length(uiCount);
+// The filters are not applied: both hand over everything the cache holds.
+ReturnCode_t DataReaderImpl::read(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos,
+                                  int /*max_samples*/, unsigned /*sample_states*/, unsigned /*view_states*/,
+                                  unsigned /*instance_states*/) {
+    return CollectSamples(data_values, sample_infos,
+                          "{DataReaderImpl::read] NO_DATA Error and TopicName = %s", false);
+}
 
-    // Deliberately kept as it has always behaved: each take lowers the count while
-    // the index rises and the index counts only the entries still held, so one call
-    // takes entries 0, 2, 4, ... of the cache. The others wait for the next call, and
-    // the tail of the vector keeps null elements. Applications call take until empty.
-    for (uint32_t i = 0; i < m_pHistoryCache->GetChangeCount(); ++i) {
-        const SequenceNumber_t seqNum = m_pHistoryCache->GetSeqNumAt(i);
-        CacheChange* pCacheChange = m_pHistoryCache->takeChange(seqNum);
-        if (pCacheChange == nullptr) continue;
-        HandOver(pCacheChange, Element(data_values, i));
-    }
-    return RETCODE_OK;
+ReturnCode_t DataReaderImpl::take(std::vector<UserData>& data_values, SampleInfoSeq& sample_infos,
+                                  int /*max_samples*/, unsigned /*sample_states*/, unsigned /*view_states*/,
+                                  unsigned /*instance_states*/) {
+    return CollectSamples(data_values, sample_infos,
+                          "{DataReaderImpl::take] NO_DATA Error and TopicName = %s", true);
 }
 
 ReturnCode_t DataReaderImpl::read_next_sample(UserData& data_value, SampleInfo& sample_info) {

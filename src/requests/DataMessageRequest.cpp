@@ -39,24 +39,11 @@ uint32_t DataMessageRequest::Execute() {
                             m_strTopicName.c_str(), iSeq);
 
     uint32_t uiMessageLen = 0;
-    const DataSendHelper::FrontResult front =
-        DataSendHelper::ComposeFront(m_pMessageProcessor, uiMessageLen, sample);
-    if (front == DataSendHelper::FRONT_HEADER_FAILED) {
-        m_pMessageProcessor->unlockMessage();
-        DataSendHelper::Log(
-            m_uiDomainId, DDSLOG_INFO,
+    if (!DataSendHelper::ComposeFrontOrFail(
+            route(), uiMessageLen, sample,
             "[DataMessageRequest::Execute] EncapsulateMessageHeader Error and TopicName = %s SeqNum = %d",
-            m_strTopicName.c_str(), iSeq);
+            "[DataMessageRequest::Execute] EncapsulateINFOTSMessage Error and TopicName = %s,SeqNum = %d"))
         return REQUEST_EXECUTE_FAILED;
-    }
-    if (front == DataSendHelper::FRONT_INFOTS_FAILED) {
-        m_pMessageProcessor->unlockMessage();
-        DataSendHelper::Log(
-            m_uiDomainId, DDSLOG_INFO,
-            "[DataMessageRequest::Execute] EncapsulateINFOTSMessage Error and TopicName = %s,SeqNum = %d",
-            m_strTopicName.c_str(), iSeq);
-        return REQUEST_EXECUTE_FAILED;
-    }
 
     // Failures below are logged by the senders; ACKNACK repairs a lost sample.
     if (DataSendHelper::IsSingleData(sample.uiDataLength))
@@ -68,6 +55,11 @@ uint32_t DataMessageRequest::Execute() {
     return REQUEST_EXECUTE_OK;
 }
 
+DataSendHelper::Route DataMessageRequest::route() const {
+    return DataSendHelper::Route{m_pMessageProcessor, m_pMessageTransmitter, m_uiDomainId,
+                                 m_strTopicName.c_str()};
+}
+
 int DataMessageRequest::sendDataMessage(uint32_t uiMessageLen) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*m_pCacheChange);
     const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
@@ -76,15 +68,10 @@ int DataMessageRequest::sendDataMessage(uint32_t uiMessageLen) {
                             "[DataMessageRequest::sendDataMessage] [4] TopicName = %s SeqNum = %d",
                             m_strTopicName.c_str(), int(sample.sequenceNumber.low));
 
-    Writer* pWriter = nullptr;
-    if (DataSendHelper::WriterExists(m_pMessageProcessor, m_EntityId))
-        pWriter = DataSendHelper::BorrowWriter(m_pMessageProcessor, m_EntityId);
-    if (pWriter == nullptr) {
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
-                            "[DataMessageRequest::sendDataMessage] isEndpointExist Error and TopicName = %s",
-                            m_strTopicName.c_str());
-        return 1;
-    }
+    Writer* pWriter = DataSendHelper::BorrowWriterOrFail(
+        route(), m_EntityId,
+        "[DataMessageRequest::sendDataMessage] isEndpointExist Error and TopicName = %s");
+    if (pWriter == nullptr) return 1;
 
     const std::list<Locator_t> sources = DataSendHelper::SourcesOf(pWriter);
     std::list<Locator_t> destinations;
@@ -94,23 +81,15 @@ int DataMessageRequest::sendDataMessage(uint32_t uiMessageLen) {
     // unicast locators; this proxy's reader: the same, but the proxy's
     // locators replace the list; any other reader: change_not_relevant.
 
-    octet* pMessage = DataSendHelper::AppendData(m_pMessageProcessor, uiMessageLen, sample, pWriter);
-    // Patched whatever the encoder answered; the processor ignores a missing buffer.
-    m_pMessageProcessor->modifyDataReaderId(ReaderIdFor(m_EntityId));
-    if (pMessage == nullptr) {
-        DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
-                            "[DataMessageRequest::sendDataMessage] returnEndpoint Error and TopicName = %s",
-                            m_strTopicName.c_str());
-        return 1;
-    }
-    DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-    DataSendHelper::Send(m_pMessageProcessor, m_pMessageTransmitter, sources, destinations, uiMessageLen);
-    if (bTrace)
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
-                            "[MessageTransmitterUDP::MessageSend] Data [5] TopicName = %s SeqNum = %d",
-                            m_strTopicName.c_str(), int(sample.sequenceNumber.low));
-    return 0;
+    const DataSendHelper::Texts texts = {
+        "[DataMessageRequest::sendDataMessage] returnEndpoint Error and TopicName = %s",
+        "[MessageTransmitterUDP::MessageSend] Data [5] TopicName = %s SeqNum = %d", nullptr};
+    return DataSendHelper::SendData(route(), uiMessageLen, sample, pWriter, true, sources, destinations,
+                                    bTrace, texts, [this](bool) {
+                                        // Patched whatever the encoder answered; the processor
+                                        // ignores a missing buffer.
+                                        m_pMessageProcessor->modifyDataReaderId(ReaderIdFor(m_EntityId));
+                                    });
 }
 
 int DataMessageRequest::sendDataFragMessage(uint32_t uiMessageLen) {
@@ -121,16 +100,10 @@ int DataMessageRequest::sendDataFragMessage(uint32_t uiMessageLen) {
                             "[DataMessageRequest::sendDataFragMessage] [4] TopicName = %s SeqNum = %d",
                             m_strTopicName.c_str(), int(sample.sequenceNumber.low));
 
-    Writer* pWriter = nullptr;
-    if (DataSendHelper::WriterExists(m_pMessageProcessor, m_EntityId))
-        pWriter = DataSendHelper::BorrowWriter(m_pMessageProcessor, m_EntityId);
-    if (pWriter == nullptr) {
-        DataSendHelper::Log(
-            m_uiDomainId, DDSLOG_INFO,
-            "[DataMessageRequest::sendDataFragMessage] isEndpointExist Error and TopicName = %s",
-            m_strTopicName.c_str());
-        return 1;
-    }
+    Writer* pWriter = DataSendHelper::BorrowWriterOrFail(
+        route(), m_EntityId,
+        "[DataMessageRequest::sendDataFragMessage] isEndpointExist Error and TopicName = %s");
+    if (pWriter == nullptr) return 1;
 
     const std::list<Locator_t> sources = DataSendHelper::SourcesOf(pWriter);
     std::list<Locator_t> destinations;
@@ -138,29 +111,12 @@ int DataMessageRequest::sendDataFragMessage(uint32_t uiMessageLen) {
     // m_ReaderProxyList, with no regard to targetReaderGUID,
     // change_for_reader_add, change_sent, and append its unicast locators.
 
-    // The readerId of every fragment stays 00 00 00 00.
-    const int iResult = DataSendHelper::SendFragments(
-        m_pMessageProcessor, m_pMessageTransmitter, uiMessageLen, sample, pWriter, sources, destinations,
-        [this, bTrace, &sample](uint32_t) {
-            // This class has one step [5] text for DATA and DATA_FRAG alike.
-            if (bTrace)
-                DataSendHelper::Log(
-                    m_uiDomainId, DDSLOG_WRITE,
-                    "[MessageTransmitterUDP::MessageSend] Data [5] TopicName = %s SeqNum = %d",
-                    m_strTopicName.c_str(), int(sample.sequenceNumber.low));
-        });
-    if (iResult != 0) {
-        DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-        DataSendHelper::Log(
-            m_uiDomainId, DDSLOG_INFO,
-            "[DataMessageRequest::sendDataFragMessage] returnEndpoint Error and TopicName = %s",
-            m_strTopicName.c_str());
-        return 1;
-    }
-    if (bTrace)
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
-                            "[DataMessageRequest::sendDataFragMessage] [6] TopicName = %s SeqNum = %d",
-                            m_strTopicName.c_str(), int(sample.sequenceNumber.low));
-    DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-    return 0;
+    // The readerId of every fragment stays 00 00 00 00. This class has one
+    // step [5] text for DATA and DATA_FRAG alike.
+    const DataSendHelper::Texts texts = {
+        "[DataMessageRequest::sendDataFragMessage] returnEndpoint Error and TopicName = %s",
+        "[MessageTransmitterUDP::MessageSend] Data [5] TopicName = %s SeqNum = %d",
+        "[DataMessageRequest::sendDataFragMessage] [6] TopicName = %s SeqNum = %d"};
+    return DataSendHelper::SendFragmentSeries(route(), uiMessageLen, sample, pWriter, true, sources,
+                                              destinations, bTrace, texts);
 }

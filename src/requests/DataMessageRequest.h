@@ -7,6 +7,7 @@
 #include <list>
 
 #include "BasicTypes.h"
+#include "requests/DataSendHelper.h"
 #include "requests/Request.h"
 
 class CacheChange;
@@ -26,6 +27,8 @@ public:
     uint32_t Execute() override;
 
 private:
+    // This request's sender and log key and topic, for the shared send steps.
+    DataSendHelper::Route route() const;
     int sendDataMessage(uint32_t uiMessageLen);
     int sendDataFragMessage(uint32_t uiMessageLen);
 

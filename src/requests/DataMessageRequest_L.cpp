@@ -31,24 +31,11 @@ uint32_t DataMessageRequest_L::Execute() {
                             m_strTopicName.c_str(), int(sample.sequenceNumber.low));
 
     uint32_t uiMessageLen = 0;
-    const DataSendHelper::FrontResult front =
-        DataSendHelper::ComposeFront(m_pMessageProcessor, uiMessageLen, sample);
-    if (front == DataSendHelper::FRONT_HEADER_FAILED) {
-        m_pMessageProcessor->unlockMessage();
-        DataSendHelper::Log(
-            m_uiDomainId, DDSLOG_INFO,
+    if (!DataSendHelper::ComposeFrontOrFail(
+            route(), uiMessageLen, sample,
             "[DataMessageRequest_L::Execute] EncapsulateMessageHeader Error and TopicName = %s",
-            m_strTopicName.c_str());
+            "[DataMessageRequest_L::Execute] EncapsulateINFOTSMessage Error and TopicName = %s"))
         return REQUEST_EXECUTE_FAILED;
-    }
-    if (front == DataSendHelper::FRONT_INFOTS_FAILED) {
-        m_pMessageProcessor->unlockMessage();
-        DataSendHelper::Log(
-            m_uiDomainId, DDSLOG_INFO,
-            "[DataMessageRequest_L::Execute] EncapsulateINFOTSMessage Error and TopicName = %s",
-            m_strTopicName.c_str());
-        return REQUEST_EXECUTE_FAILED;
-    }
 
     // Failures below are logged by the senders; a best-effort sample is gone either way.
     if (DataSendHelper::IsSingleData(sample.uiDataLength))
@@ -93,7 +80,16 @@ void FillLocators(const StatelessWriter* pWriter, LocatorScratch& scratch) {
     }
     scratch.destinations.erase(itOut, scratch.destinations.end());
 }
+
+bool IsStateless(const Writer* pWriter) {
+    return dynamic_cast<const StatelessWriter*>(pWriter) != nullptr;
+}
 }  // namespace
+
+DataSendHelper::Route DataMessageRequest_L::route() const {
+    return DataSendHelper::Route{m_pMessageProcessor, m_pMessageTransmitter, m_uiDomainId,
+                                 m_strTopicName.c_str()};
+}
 
 int DataMessageRequest_L::sendDataMessage(uint32_t uiMessageLen, bool bTrace) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*m_pCacheChange);
@@ -102,82 +98,35 @@ int DataMessageRequest_L::sendDataMessage(uint32_t uiMessageLen, bool bTrace) {
                             "[DataMessageRequest_L::sendDataMessage] [4] TopicName = %s SeqNum = %d",
                             m_strTopicName.c_str(), int(sample.sequenceNumber.low));
 
-    Writer* pWriter = nullptr;
-    if (DataSendHelper::WriterExists(m_pMessageProcessor, m_EntityId))
-        pWriter = DataSendHelper::BorrowWriter(m_pMessageProcessor, m_EntityId);
-    StatelessWriter* pStatelessWriter = dynamic_cast<StatelessWriter*>(pWriter);
-    if (pStatelessWriter == nullptr) {
-        // Gone before or during the wait, or not a best-effort writer at all.
-        DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-        DataSendHelper::Log(
-            m_uiDomainId, DDSLOG_INFO,
-            "[DataMessageRequest_L::sendDataMessage] isEndpointExist Error and TopicName = %s",
-            m_strTopicName.c_str());
-        return 1;
-    }
+    Writer* pWriter = DataSendHelper::BorrowWriterOrFail(
+        route(), m_EntityId,
+        "[DataMessageRequest_L::sendDataMessage] isEndpointExist Error and TopicName = %s", IsStateless);
+    if (pWriter == nullptr) return 1;
 
     LocatorScratch& locators = ThreadScratch();
-    FillLocators(pStatelessWriter, locators);
+    FillLocators(static_cast<StatelessWriter*>(pWriter), locators);
     // The readerId stays 00 00 00 00, for built-in writers too.
-    if (DataSendHelper::AppendData(m_pMessageProcessor, uiMessageLen, sample, pWriter) == nullptr) {
-        DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
-                            "[DataMessageRequest_L::sendDataMessage] returnEndpoint Error and TopicName = %s",
-                            m_strTopicName.c_str());
-        return 1;
-    }
-    // Given back before the send: the message no longer needs the writer.
-    DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-    DataSendHelper::Send(m_pMessageProcessor, m_pMessageTransmitter, locators.sources, locators.destinations,
-                         uiMessageLen);
-    if (bTrace)
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
-                            "[MessageTransmitterUDP::MessageSend] Data_L [5] TopicName = %s SeqNum = %d",
-                            m_strTopicName.c_str(), int(sample.sequenceNumber.low));
-    return 0;
+    const DataSendHelper::Texts texts = {
+        "[DataMessageRequest_L::sendDataMessage] returnEndpoint Error and TopicName = %s",
+        "[MessageTransmitterUDP::MessageSend] Data_L [5] TopicName = %s SeqNum = %d", nullptr};
+    return DataSendHelper::SendData(route(), uiMessageLen, sample, pWriter, true, locators.sources,
+                                    locators.destinations, bTrace, texts);
 }
 
 int DataMessageRequest_L::sendDataFragMessage(uint32_t uiMessageLen, bool bTrace) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*m_pCacheChange);
 
-    Writer* pWriter = nullptr;
-    if (DataSendHelper::WriterExists(m_pMessageProcessor, m_EntityId))
-        pWriter = DataSendHelper::BorrowWriter(m_pMessageProcessor, m_EntityId);
-    StatelessWriter* pStatelessWriter = dynamic_cast<StatelessWriter*>(pWriter);
-    if (pStatelessWriter == nullptr) {
-        DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-        DataSendHelper::Log(
-            m_uiDomainId, DDSLOG_INFO,
-            "[DataMessageRequest_L::sendDataFragMessage] isEndpointExist Error and TopicName = %s",
-            m_strTopicName.c_str());
-        return 1;
-    }
+    Writer* pWriter = DataSendHelper::BorrowWriterOrFail(
+        route(), m_EntityId,
+        "[DataMessageRequest_L::sendDataFragMessage] isEndpointExist Error and TopicName = %s", IsStateless);
+    if (pWriter == nullptr) return 1;
 
     LocatorScratch& locators = ThreadScratch();
-    FillLocators(pStatelessWriter, locators);
-    // The writer stays borrowed for the whole series.
-    const int iResult = DataSendHelper::SendFragments(
-        m_pMessageProcessor, m_pMessageTransmitter, uiMessageLen, sample, pWriter, locators.sources,
-        locators.destinations, [this, bTrace, &sample](uint32_t uiFragmentNum) {
-            if (bTrace)
-                DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
-                                    "[MessageTransmitterUDP::MessageSend] DataFrag_L [5] TopicName = %s "
-                                    "SeqNum = %d FragNum = %d",
-                                    m_strTopicName.c_str(), int(sample.sequenceNumber.low),
-                                    int(uiFragmentNum));
-        });
-    if (iResult != 0) {
-        DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-        DataSendHelper::Log(
-            m_uiDomainId, DDSLOG_INFO,
-            "[DataMessageRequest_L::sendDataFragMessage] returnEndpoint Error and TopicName = %s",
-            m_strTopicName.c_str());
-        return 1;
-    }
-    if (bTrace)
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
-                            "[DataMessageRequest_L::sendDataFragMessage] [6] TopicName = %s SeqNum = %d",
-                            m_strTopicName.c_str(), int(sample.sequenceNumber.low));
-    DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
-    return 0;
+    FillLocators(static_cast<StatelessWriter*>(pWriter), locators);
+    const DataSendHelper::Texts texts = {
+        "[DataMessageRequest_L::sendDataFragMessage] returnEndpoint Error and TopicName = %s",
+        "[MessageTransmitterUDP::MessageSend] DataFrag_L [5] TopicName = %s SeqNum = %d FragNum = %d",
+        "[DataMessageRequest_L::sendDataFragMessage] [6] TopicName = %s SeqNum = %d"};
+    return DataSendHelper::SendFragmentSeries(route(), uiMessageLen, sample, pWriter, true, locators.sources,
+                                              locators.destinations, bTrace, texts);
 }

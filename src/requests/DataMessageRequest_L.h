@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "BasicTypes.h"
+#include "requests/DataSendHelper.h"
 #include "requests/Request.h"
 
 class CacheChange;
@@ -29,6 +30,8 @@ public:
 
 private:
     // bTrace: the query-topic test, made once per Execute.
+    // This request's sender and log key and topic, for the shared send steps.
+    DataSendHelper::Route route() const;
     int sendDataMessage(uint32_t uiMessageLen, bool bTrace);
     int sendDataFragMessage(uint32_t uiMessageLen, bool bTrace);
 

@@ -107,25 +107,26 @@ DataMessageWithReaderProxy::SendResult DataMessageWithReaderProxy::sendRequested
     return SEND_DONE;
 }
 
+DataSendHelper::Route DataMessageWithReaderProxy::route() const {
+    return DataSendHelper::Route{m_pMessageProcessor, m_pMessageTransmitter, m_uiDomainId,
+                                 m_strTopicName.c_str()};
+}
+
 int DataMessageWithReaderProxy::sendDataMessage(uint32_t uiMessageLen, CacheChange* pChange,
                                                 Writer* pWriter) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*pChange);
     const std::list<Locator_t> sources = DataSendHelper::SourcesOf(pWriter);
     const std::list<Locator_t> destinations = proxyUnicastLocators();
-    if (DataSendHelper::AppendData(m_pMessageProcessor, uiMessageLen, sample, pWriter) == nullptr) {
-        DataSendHelper::Log(
-            m_uiDomainId, DDSLOG_INFO,
-            "[DataMessageWithReaderProxy::sendDataMessage] EncapsulateDATAMessage Error and TopicName = %s",
-            m_strTopicName.c_str());
-        return 1;
-    }
-    m_pMessageProcessor->modifyDataReaderId(proxyGuid().entityId);
-    DataSendHelper::Send(m_pMessageProcessor, m_pMessageTransmitter, sources, destinations, uiMessageLen);
-    if (DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName))
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
-                            "[MessageTransmitterUDP::MessageSend] DataProxy [5] TopicName = %s SeqNum = %d",
-                            m_strTopicName.c_str(), int(sample.sequenceNumber.low));
-    return 0;
+    const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
+    // The writer is Execute's to give back.
+    const DataSendHelper::Texts texts = {
+        "[DataMessageWithReaderProxy::sendDataMessage] EncapsulateDATAMessage Error and TopicName = %s",
+        "[MessageTransmitterUDP::MessageSend] DataProxy [5] TopicName = %s SeqNum = %d", nullptr};
+    return DataSendHelper::SendData(route(), uiMessageLen, sample, pWriter, false, sources, destinations,
+                                    bTrace, texts, [this](bool bEncoded) {
+                                        if (bEncoded)
+                                            m_pMessageProcessor->modifyDataReaderId(proxyGuid().entityId);
+                                    });
 }
 
 int DataMessageWithReaderProxy::sendDataFragMessage(uint32_t uiMessageLen, CacheChange* pChange,
@@ -135,27 +136,11 @@ int DataMessageWithReaderProxy::sendDataFragMessage(uint32_t uiMessageLen, Cache
     const std::list<Locator_t> sources = DataSendHelper::SourcesOf(pWriter);
     const std::list<Locator_t> destinations = proxyUnicastLocators();
     // The whole sample goes again; a selective repair is FragRepairRequest's job.
-    const int iResult = DataSendHelper::SendFragments(
-        m_pMessageProcessor, m_pMessageTransmitter, uiMessageLen, sample, pWriter, sources, destinations,
-        [this, bTrace, &sample](uint32_t uiFragmentNum) {
-            if (bTrace)
-                DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
-                                    "[MessageTransmitterUDP::MessageSend] DataFragProxy [5] TopicName = %s "
-                                    "SeqNum = %d FragNum = %d",
-                                    m_strTopicName.c_str(), int(sample.sequenceNumber.low),
-                                    int(uiFragmentNum));
-            SystemClock::SleepMs(FRAGMENT_PAUSE_MS);
-        });
-    if (iResult != 0) {
-        DataSendHelper::Log(
-            m_uiDomainId, DDSLOG_INFO,
-            "[DataMessageWithReaderProxy::Execute] EncapsulateDATAFragMessage Error and TopicName = %s",
-            m_strTopicName.c_str());
-        return 1;
-    }
-    if (bTrace)
-        DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
-                            "[DataMessageRequest::sendDataFragMessage] [6] TopicName = %s SeqNum = %d",
-                            m_strTopicName.c_str(), int(sample.sequenceNumber.low));
-    return 0;
+    const DataSendHelper::Texts texts = {
+        "[DataMessageWithReaderProxy::Execute] EncapsulateDATAFragMessage Error and TopicName = %s",
+        "[MessageTransmitterUDP::MessageSend] DataFragProxy [5] TopicName = %s SeqNum = %d FragNum = %d",
+        "[DataMessageRequest::sendDataFragMessage] [6] TopicName = %s SeqNum = %d"};
+    return DataSendHelper::SendFragmentSeries(route(), uiMessageLen, sample, pWriter, false, sources,
+                                              destinations, bTrace, texts,
+                                              [](uint32_t) { SystemClock::SleepMs(FRAGMENT_PAUSE_MS); });
 }

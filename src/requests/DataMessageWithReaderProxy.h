@@ -8,6 +8,7 @@
 #include <list>
 
 #include "BasicTypes.h"
+#include "requests/DataSendHelper.h"
 #include "requests/Request.h"
 
 class CacheChange;
@@ -38,6 +39,8 @@ private:
     // Logs its own failure texts.
     SendResult sendRequestedChange(Writer* pWriter, CacheChange* pChange, SequenceNumber_t& gapStart,
                                    const SequenceNumberSet& gapList);
+    // This request's sender and log key and topic, for the shared send steps.
+    DataSendHelper::Route route() const;
     int sendDataMessage(uint32_t uiMessageLen, CacheChange* pChange, Writer* pWriter);
     int sendDataFragMessage(uint32_t uiMessageLen, CacheChange* pChange, Writer* pWriter);
 

@@ -123,6 +123,71 @@ int DataSendHelper::SendFragments(MessageProcessor* pProcessor, MessageTransmitt
     return 0;
 }
 
+bool DataSendHelper::ComposeFrontOrFail(const Route& route, uint32_t& uiMessageLen, const Sample& sample,
+                                        const char* szHeaderFailed, const char* szInfoTsFailed) {
+    const FrontResult front = ComposeFront(route.pProcessor, uiMessageLen, sample);
+    if (front == FRONT_OK) return true;
+    route.pProcessor->unlockMessage();
+    Log(route.uiLogKey, DDSLOG_INFO, front == FRONT_HEADER_FAILED ? szHeaderFailed : szInfoTsFailed,
+        route.szTopicName, int(sample.sequenceNumber.low));
+    return false;
+}
+
+Writer* DataSendHelper::BorrowWriterOrFail(const Route& route, const EntityId_t& writerId,
+                                           const char* szFailed, bool (*accept)(const Writer*)) {
+    Writer* pWriter = nullptr;
+    if (WriterExists(route.pProcessor, writerId)) pWriter = BorrowWriter(route.pProcessor, writerId);
+    if (pWriter != nullptr && (accept == nullptr || accept(pWriter))) return pWriter;
+    // Gone before or during the wait, or not of the kind asked for.
+    ReturnWriter(route.pProcessor, pWriter);
+    Log(route.uiLogKey, DDSLOG_INFO, szFailed, route.szTopicName);
+    return nullptr;
+}
+
+int DataSendHelper::SendData(const Route& route, uint32_t uiMessageLen, const Sample& sample, Writer* pWriter,
+                             bool bGiveBack, const std::list<Locator_t>& sources,
+                             const std::list<Locator_t>& destinations, bool bTrace, const Texts& texts,
+                             const std::function<void(bool)>& afterEncode) {
+    const int iSeq = int(sample.sequenceNumber.low);
+    const bool bEncoded = AppendData(route.pProcessor, uiMessageLen, sample, pWriter) != nullptr;
+    if (afterEncode) afterEncode(bEncoded);
+    if (!bEncoded) {
+        if (bGiveBack) ReturnWriter(route.pProcessor, pWriter);
+        Log(route.uiLogKey, DDSLOG_INFO, texts.szEncodeFailed, route.szTopicName);
+        return 1;
+    }
+    // Given back before the send: the message no longer needs the writer.
+    if (bGiveBack) ReturnWriter(route.pProcessor, pWriter);
+    Send(route.pProcessor, route.pTransmitter, sources, destinations, uiMessageLen);
+    if (bTrace && texts.szSent != nullptr)
+        Log(route.uiLogKey, DDSLOG_WRITE, texts.szSent, route.szTopicName, iSeq);
+    return 0;
+}
+
+int DataSendHelper::SendFragmentSeries(const Route& route, uint32_t uiFrontLen, const Sample& sample,
+                                       Writer* pWriter, bool bGiveBack, const std::list<Locator_t>& sources,
+                                       const std::list<Locator_t>& destinations, bool bTrace,
+                                       const Texts& texts, const std::function<void(uint32_t)>& afterSend) {
+    const int iSeq = int(sample.sequenceNumber.low);
+    // The writer stays borrowed for the whole series.
+    const int iResult = SendFragments(route.pProcessor, route.pTransmitter, uiFrontLen, sample, pWriter,
+                                      sources, destinations, [&](uint32_t uiFragmentNum) {
+                                          if (bTrace && texts.szSent != nullptr)
+                                              Log(route.uiLogKey, DDSLOG_WRITE, texts.szSent,
+                                                  route.szTopicName, iSeq, int(uiFragmentNum));
+                                          if (afterSend) afterSend(uiFragmentNum);
+                                      });
+    if (iResult != 0) {
+        if (bGiveBack) ReturnWriter(route.pProcessor, pWriter);
+        Log(route.uiLogKey, DDSLOG_INFO, texts.szEncodeFailed, route.szTopicName);
+        return 1;
+    }
+    if (bTrace && texts.szSeriesDone != nullptr)
+        Log(route.uiLogKey, DDSLOG_WRITE, texts.szSeriesDone, route.szTopicName, iSeq);
+    if (bGiveBack) ReturnWriter(route.pProcessor, pWriter);
+    return 0;
+}
+
 bool DataSendHelper::QueryTraceOn(uint32_t uiLogKey, const std::string& strTopicName) {
     DDSLogManagementFactory* pFactory = DDSLogManagementFactory::GetInstance();
     return pFactory != nullptr && pFactory->IsQueryTopic(int(uiLogKey), strTopicName);

@@ -68,6 +68,44 @@ public:
                              const std::list<Locator_t>& sources, const std::list<Locator_t>& destinations,
                              const std::function<void(uint32_t)>& afterSend);
 
+    // Who sends, and under which key and topic its log lines go.
+    struct Route {
+        MessageProcessor* pProcessor;
+        MessageTransmitter* pTransmitter;
+        uint32_t uiLogKey;
+        const char* szTopicName;
+    };
+    // The log texts of one send; each is given the topic name, then the
+    // sequence number, then (per fragment) the fragment number. A null text is not logged.
+    struct Texts {
+        const char* szEncodeFailed;  // INFO, the encoder failed
+        const char* szSent;          // WRITE when traced, after each message has gone
+        const char* szSeriesDone;    // WRITE when traced, after the last fragment
+    };
+
+    // ComposeFront with the message lock held; on failure gives the lock back,
+    // logs the matching text (INFO) and is false.
+    static bool ComposeFrontOrFail(const Route& route, uint32_t& uiMessageLen, const Sample& sample,
+                                   const char* szHeaderFailed, const char* szInfoTsFailed);
+    // BorrowWriter when the id exists. A writer that is missing, or that accept
+    // (when given) turns down, is given back, szFailed logged (INFO) and null returned.
+    static Writer* BorrowWriterOrFail(const Route& route, const EntityId_t& writerId, const char* szFailed,
+                                      bool (*accept)(const Writer*) = nullptr);
+    // One DATA: AppendData, afterEncode(encoded) when given, then on failure the
+    // writer back (when bGiveBack) and szEncodeFailed, 1; else the writer back,
+    // Send, the szSent trace, 0.
+    static int SendData(const Route& route, uint32_t uiMessageLen, const Sample& sample, Writer* pWriter,
+                        bool bGiveBack, const std::list<Locator_t>& sources,
+                        const std::list<Locator_t>& destinations, bool bTrace, const Texts& texts,
+                        const std::function<void(bool)>& afterEncode = nullptr);
+    // SendFragments with the szSent trace and afterSend after each; on failure
+    // the writer back (when bGiveBack) and szEncodeFailed, 1; else the
+    // szSeriesDone trace, the writer back, 0.
+    static int SendFragmentSeries(const Route& route, uint32_t uiFrontLen, const Sample& sample,
+                                  Writer* pWriter, bool bGiveBack, const std::list<Locator_t>& sources,
+                                  const std::list<Locator_t>& destinations, bool bTrace, const Texts& texts,
+                                  const std::function<void(uint32_t)>& afterSend = nullptr);
+
     // The domain's query topic test that guards the numbered send traces.
     static bool QueryTraceOn(uint32_t uiLogKey, const std::string& strTopicName);
     // Formats into a 200-character buffer and writes it under iCode.
