@@ -37,8 +37,12 @@ std::vector<std::string> ListDir(const char* szPath) {
     return entries;
 }
 
-size_t ThreadCount() { return ListDir("/proc/self/task").size(); }
-size_t FdCount() { return ListDir("/proc/self/fd").size(); }
+size_t ThreadCount() {
+    return ListDir("/proc/self/task").size();
+}
+size_t FdCount() {
+    return ListDir("/proc/self/fd").size();
+}
 
 bool HasThread(const std::string& strName) {
     for (const std::string& strTask : ListDir("/proc/self/task")) {
@@ -87,7 +91,9 @@ std::unique_ptr<Participant> MakeParticipant(DomainParticipantQos& qos, uint32_t
     return pParticipant;
 }
 
-bool NoParticipantThreads() { return !HasThread("3_SEND") && !HasThread("3_RECV") && !HasThread("3_DIST"); }
+bool NoParticipantThreads() {
+    return !HasThread("3_SEND") && !HasThread("3_RECV") && !HasThread("3_DIST");
+}
 
 TEST(ParticipantNet, ThreePortsAndTheDefaultGroupReceive) {
     MORVODDS_REQUIRE_PRIVATE_NETNS();
@@ -135,7 +141,8 @@ TEST(ParticipantNet, ThreadsStartAndStopInOrderWithinMilliseconds) {
     pParticipant.reset();
     const long long llDeleteMs = msSince(start);
     EXPECT_LT(llDeleteMs, 200);
-    EXPECT_LT(llCreateMs + llDeleteMs, 300) << "create " << llCreateMs << " ms, delete " << llDeleteMs << " ms";
+    EXPECT_LT(llCreateMs + llDeleteMs, 300)
+        << "create " << llCreateMs << " ms, delete " << llDeleteMs << " ms";
     EXPECT_TRUE(WaitFor(NoParticipantThreads, 5000));
 }
 

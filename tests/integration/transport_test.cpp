@@ -73,7 +73,8 @@ void ExpectNext(ReceiveBuffer& ring, const std::vector<octet>& data) {
 std::vector<std::vector<octet>> TakeAll(ReceiveBuffer& ring) {
     std::vector<std::vector<octet>> records;
     std::vector<octet> record;
-    while (ring.GetAvailableLength() != ring.GetLength() && records.size() < 100000 && ReadRecord(ring, record))
+    while (ring.GetAvailableLength() != ring.GetLength() && records.size() < 100000 &&
+           ReadRecord(ring, record))
         records.push_back(record);
     return records;
 }
@@ -85,7 +86,9 @@ std::vector<LogEntry> Starting(LogRecorder& log, const std::string& prefix) {
         if (e.text.compare(0, prefix.size(), prefix) == 0) found.push_back(e);
     return found;
 }
-int CountPrefix(LogRecorder& log, const std::string& prefix) { return int(Starting(log, prefix).size()); }
+int CountPrefix(LogRecorder& log, const std::string& prefix) {
+    return int(Starting(log, prefix).size());
+}
 
 const char kReceiveLog[] = "[MessageTransmitterUDP::ReceiveMessage]";
 
@@ -165,7 +168,8 @@ TEST(MessageTransmitterUDP_sockets, OneSocketPerAddressAndPortAndBadAddressesAre
     EXPECT_GE(node.transmitter.GetSendSocket(NetworkOrder(kSource)), 0);
 
     // Unicast and multicast on one port share its socket.
-    for (const Locator_t& locator : {Loc(127, 0, 0, 1, 17040), Loc(127, 0, 0, 1, 17040), Loc(239, 255, 0, 1, 17040)})
+    for (const Locator_t& locator :
+         {Loc(127, 0, 0, 1, 17040), Loc(127, 0, 0, 1, 17040), Loc(239, 255, 0, 1, 17040)})
         ASSERT_EQ(0, node.transmitter.ReceiveAddrAdd(locator));
     EXPECT_EQ(1u, node.transmitter.GetReceiveSocketCount());
     EXPECT_GE(node.transmitter.GetReceiveSocket(17040), 0);
@@ -231,7 +235,8 @@ TEST(MessageTransmitterUDP_multicast, MembershipErrorsKeepTheSocket) {
 
     testing::internal::CaptureStdout();
     EXPECT_EQ(1, node.transmitter.ReceiveAddrRemove(unicast));
-    EXPECT_EQ(1, CountPrefix(log, "[MessageTransmitterUDP::dropMemberShip] IP_DROP_MEMBERSHIP Error and errno = "));
+    EXPECT_EQ(
+        1, CountPrefix(log, "[MessageTransmitterUDP::dropMemberShip] IP_DROP_MEMBERSHIP Error and errno = "));
     EXPECT_EQ(1, log.Count("[MessageTransmitterUDP::ReceiveAddrRemove] dropMemberShip Error and Ret = 1"));
     // A port without a socket fails the same way and gains no entry.
     EXPECT_EQ(1, node.transmitter.ReceiveAddrRemove(Loc(127, 0, 0, 1, 17022)));
@@ -241,7 +246,8 @@ TEST(MessageTransmitterUDP_multicast, MembershipErrorsKeepTheSocket) {
     std::string strConsole = testing::internal::GetCapturedStdout();
     EXPECT_NE(std::string::npos, strConsole.find("Add membership err \n"));
     EXPECT_NE(std::string::npos, strConsole.find("Err "));
-    EXPECT_EQ(1, CountPrefix(log, "[MessageTransmitterUDP::addMemberShip] IP_ADD_MEMBERSHIP  Error and errno = "));
+    EXPECT_EQ(
+        1, CountPrefix(log, "[MessageTransmitterUDP::addMemberShip] IP_ADD_MEMBERSHIP  Error and errno = "));
     EXPECT_EQ(1, CountPrefix(log, "[MessageTransmitterUDP::ReceiveAddrAdd] addMemberShip Error and Ret = "));
     EXPECT_EQ(0, log.Count("[MessageTransmitterUDP::ReceiveAddrAdd] addMemberShip Error and Ret = 52"));
     EXPECT_EQ(iSocket, node.transmitter.GetReceiveSocket(17021));
@@ -266,7 +272,8 @@ TEST(MessageTransmitterUDP_local, OwnDestinationGoesThroughTheRingOnlyAndAFullRi
     small.ring.SetDomainId(3);
     ASSERT_EQ(0, small.transmitter.ReceiveAddrAdd(Loc(127, 0, 0, 1, 17032)));
     EXPECT_EQ(0, small.transmitter.MessageSend(kSource, Loc(127, 0, 0, 1, 17032), payload.data(), 100));
-    std::vector<LogEntry> full = Starting(log, "[ReceiveBuffer::Write] uiAvailableLength = 64 and uiLength = 100");
+    std::vector<LogEntry> full =
+        Starting(log, "[ReceiveBuffer::Write] uiAvailableLength = 64 and uiLength = 100");
     ASSERT_EQ(1u, full.size());
     EXPECT_EQ(3, full[0].key);
     EXPECT_EQ(64u, small.ring.GetAvailableLength());
@@ -366,7 +373,8 @@ TEST(MessageTransmitterUDP_receive, APassDrainsEachReadySocketUpToItsBoundInArri
     EXPECT_EQ(0, receiver.transmitter.ReceiveMessage());
     records = TakeAll(receiver.ring);
     ASSERT_EQ(size_t(uiBurst - uiBound), records.size());
-    for (uint32_t i = 0; i < records.size(); ++i) ASSERT_EQ(Numbered(uiBound + i), records[i]) << "record " << i;
+    for (uint32_t i = 0; i < records.size(); ++i)
+        ASSERT_EQ(Numbered(uiBound + i), records[i]) << "record " << i;
     EXPECT_EQ(0, CountPrefix(log, kReceiveLog));
 }
 

@@ -51,9 +51,9 @@ TEST(ReceiveBuffer_wrap, RecordsSplitAtEveryPointAcrossTheEnd) {
         std::vector<uint32_t> sizes;
     };
     const std::vector<Row> rows = {
-        {61, {20}}, {62, {20}}, {63, {20}},  // 3, 2 and 1 prefix bytes before the end
-        {40, {30}},                          // the body straddles the end
-        {32, {28, 10}},                      // the first ends exactly at the end, the next at 0
+        {61, {20}},     {62, {20}}, {63, {20}},  // 3, 2 and 1 prefix bytes before the end
+        {40, {30}},                              // the body straddles the end
+        {32, {28, 10}},                          // the first ends exactly at the end, the next at 0
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.uiOffset);
@@ -186,7 +186,8 @@ TEST(ReceiveBuffer_gate, ConcurrentWritersAndOneReaderLoseNothing) {
             for (int i = 0; i < kPerWriter; ++i) {
                 uint32_t auiRecord[2] = {static_cast<uint32_t>(w), static_cast<uint32_t>(i)};
                 int iTries = 0;  // retry, bounded, when the reader lags
-                while (ring.Write(reinterpret_cast<octet*>(auiRecord), sizeof(auiRecord)) != 0 && ++iTries <= 5000)
+                while (ring.Write(reinterpret_cast<octet*>(auiRecord), sizeof(auiRecord)) != 0 &&
+                       ++iTries <= 5000)
                     std::this_thread::yield();
                 if (iTries > 5000) ++refused;
             }

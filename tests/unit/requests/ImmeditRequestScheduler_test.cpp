@@ -53,9 +53,14 @@ TEST_F(ImmeditRequestSchedulerTest, OrderIsPriorityThenNextTimeThenArrivalAndFai
         Time_t nextTime;
     };
     // Seconds compare signed, the second word unsigned.
-    const Row rows[] = {{1, 5, Time_t(0, 0)},  {2, 5, Time_t(0, 0)},           {3, 9, Time_t(0, 0)},
-                        {4, 0, Time_t(50, 0)}, {5, 0, Time_t(10, 0x80000000u)}, {6, 0, Time_t(50, 0)},
-                        {7, 0, Time_t(10, 5)}, {8, 0, Time_t(-1, 0)}};
+    const Row rows[] = {{1, 5, Time_t(0, 0)},
+                        {2, 5, Time_t(0, 0)},
+                        {3, 9, Time_t(0, 0)},
+                        {4, 0, Time_t(50, 0)},
+                        {5, 0, Time_t(10, 0x80000000u)},
+                        {6, 0, Time_t(50, 0)},
+                        {7, 0, Time_t(10, 5)},
+                        {8, 0, Time_t(-1, 0)}};
     for (const Row& row : rows) {
         TestRequest* pRequest = Make(row.iLabel, row.uiPriority, row.nextTime);
         // Failed deletes without retry; finished means nothing here.
