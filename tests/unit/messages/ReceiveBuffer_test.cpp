@@ -28,7 +28,8 @@ void ExpectRecord(ReceiveBuffer& ring, const std::vector<octet>& data) {
     uint32_t uiLength = 0;
     ASSERT_EQ(0, ring.Read(out.data(), uiLength));
     ASSERT_EQ(data.size(), uiLength);
-    EXPECT_EQ(0, std::memcmp(data.data(), out.data(), uiLength));
+    // memcmp must not see the null data() of an empty record.
+    if (uiLength != 0) EXPECT_EQ(0, std::memcmp(data.data(), out.data(), uiLength));
 }
 
 // Expects an empty-ring read: result 1, nothing touched, after the full
