@@ -29,7 +29,9 @@ void ExpectRecord(ReceiveBuffer& ring, const std::vector<octet>& data) {
     ASSERT_EQ(0, ring.Read(out.data(), uiLength));
     ASSERT_EQ(data.size(), uiLength);
     // memcmp must not see the null data() of an empty record.
-    if (uiLength != 0) EXPECT_EQ(0, std::memcmp(data.data(), out.data(), uiLength));
+    if (uiLength != 0) {
+        EXPECT_EQ(0, std::memcmp(data.data(), out.data(), uiLength));
+    }
 }
 
 // Expects an empty-ring read: result 1, nothing touched, after the full
