@@ -35,6 +35,7 @@
 #include "PeerProcess.h"
 #include "Publisher.h"
 #include "Subscriber.h"
+#include "TakeEach.h"
 #include "Topic.h"
 
 namespace {
@@ -130,14 +131,9 @@ public:
     std::condition_variable m_Arrived;
 
     void on_data_available(DataReader* pReader) override {
-        for (int iCall = 0; iCall < kTakeCallsMax; ++iCall) {
-            std::vector<UserData> values;
-            SampleInfoSeq infos;
-            pReader->take(values, infos, LENGTH_UNLIMITED, 0, 0, 0);
-            bool bAny = false;
-            for (UserData& value : values) {
-                if (value.data == nullptr) continue;
-                bAny = true;
+        TakeEach(
+            pReader,
+            [this](UserData& value) {
                 if (m_pEchoWriter != nullptr)
                     m_pEchoWriter->write(reinterpret_cast<const char*>(value.data), value.length, HANDLE_NIL);
                 std::free(value.data);
@@ -150,9 +146,8 @@ public:
                     m_Count.fetch_add(1);
                 }
                 m_Arrived.notify_all();
-            }
-            if (!bAny) break;
-        }
+            },
+            kTakeCallsMax);
     }
 
     // Waits until the count passes uiAbove; false after iTimeoutMs.

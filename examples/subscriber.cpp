@@ -16,6 +16,7 @@
 #include "ExampleSupport.h"
 #include "ManualMatch.h"
 #include "Subscriber.h"
+#include "TakeEach.h"
 #include "Topic.h"
 
 namespace {
@@ -27,27 +28,17 @@ public:
 
     void on_data_available(DataReader* pReader) override {
         // take hands over every other sample per call, so call it until nothing comes.
-        for (int iCall = 0; iCall < 16; ++iCall) {
-            std::vector<UserData> values;
-            SampleInfoSeq infos;
-            pReader->take(values, infos, LENGTH_UNLIMITED, 0, 0, 0);
-            bool bAny = false;
-            for (UserData& value : values) {
-                if (value.data == nullptr) continue;
-                bAny = true;
-                example::Greeting greeting;
-                if (example::Deserialise(value.data, value.length, &greeting))
-                    std::printf("[subscriber] received counter=%d text=\"%s\" value=%.2f\n", greeting.counter,
-                                greeting.text.c_str(), greeting.value);
-                else
-                    std::printf("[subscriber] received %u octets that do not read as a Greeting\n",
-                                value.length);
-                std::fflush(stdout);
-                std::free(value.data);  // take hands the buffer over
-                ++m_Received;
-            }
-            if (!bAny) break;
-        }
+        TakeEach(pReader, [this](UserData& value) {
+            example::Greeting greeting;
+            if (example::Deserialise(value.data, value.length, &greeting))
+                std::printf("[subscriber] received counter=%d text=\"%s\" value=%.2f\n", greeting.counter,
+                            greeting.text.c_str(), greeting.value);
+            else
+                std::printf("[subscriber] received %u octets that do not read as a Greeting\n", value.length);
+            std::fflush(stdout);
+            std::free(value.data);  // take hands the buffer over
+            ++m_Received;
+        });
     }
 };
 

@@ -65,11 +65,8 @@ DataReaderImpl::DataReaderImpl(SubscriberImpl* pSubscriber, TopicDescriptionImpl
 }
 
 DataReaderImpl::~DataReaderImpl() {
-    if (m_pDeadlineTimer != nullptr) {
-        m_pDeadlineTimer->Stop();  // waits for a callback in flight
-        delete m_pDeadlineTimer;
-        m_pDeadlineTimer = nullptr;
-    }
+    delete m_pDeadlineTimer;  // stops first, waiting for a callback in flight
+    m_pDeadlineTimer = nullptr;
     delete m_pHistoryCache;
     m_pHistoryCache = nullptr;
     delete m_pDataReader;

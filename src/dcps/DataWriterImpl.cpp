@@ -42,11 +42,8 @@ DataWriterImpl::DataWriterImpl(PublisherImpl* pPublisher, TopicImpl* pTopic, con
 }
 
 DataWriterImpl::~DataWriterImpl() {
-    if (m_pDeadlineTimer != nullptr) {
-        m_pDeadlineTimer->Stop();  // waits for a callback in flight
-        delete m_pDeadlineTimer;
-        m_pDeadlineTimer = nullptr;
-    }
+    delete m_pDeadlineTimer;  // stops first, waiting for a callback in flight
+    m_pDeadlineTimer = nullptr;
     delete m_pHistoryCache;
     m_pHistoryCache = nullptr;
     delete m_pDataWriter;

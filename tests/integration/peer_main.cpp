@@ -15,6 +15,7 @@
 #include "ManualMatch.h"
 #include "PeerProcess.h"
 #include "Subscriber.h"
+#include "TakeEach.h"
 #include "Topic.h"
 #include "TwoProcessSamples.h"
 
@@ -32,22 +33,16 @@ public:
     explicit ReportingListener(LineChannel& channel) : m_Channel(channel) {}
 
     void on_data_available(DataReader* pReader) override {
-        for (int iCall = 0; iCall < kTakeCallsMax; ++iCall) {
-            std::vector<UserData> values;
-            SampleInfoSeq infos;
-            pReader->take(values, infos, LENGTH_UNLIMITED, 0, 0, 0);
-            bool bAny = false;
-            for (UserData& value : values) {
-                if (value.data == nullptr) continue;  // the tail that take leaves empty
-                bAny = true;
+        TakeEach(
+            pReader,
+            [this](UserData& value) {
                 two_process::Report report;
                 report.length = value.length;
                 report.firstBad = two_process::CheckSample(value.data, value.length, &report.index);
                 m_Channel.Send(two_process::kSample + two_process::FormatReport(report));
                 std::free(value.data);
-            }
-            if (!bAny) break;
-        }
+            },
+            kTakeCallsMax);
     }
 
 private:
