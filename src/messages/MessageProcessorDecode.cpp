@@ -14,6 +14,7 @@
 #include "core/SystemClock.h"
 #include "messages/MessageProcessor.h"
 #include "messages/ReceiveBuffer.h"
+#include "rtps/EndpointLoan.h"  // layer-ok: the decoder borrows endpoints from the participant's registry
 #include "rtps/HistoryCache.h"  // layer-ok: trace lines name the endpoint's topic, held by its cache
 #include "rtps/Participant.h"   // layer-ok: the decoder borrows endpoints from the participant's registry
 #include "rtps/Reader.h"  // layer-ok: DATA, DATA_FRAG and HEARTBEAT go to the reader's receive operations
@@ -102,20 +103,12 @@ std::string TopicOf(const Writer* pWriter) {
 }
 
 // Borrows the built-in reader for one of the writers in [uiFirst, uiEnd) of the
-// table, or the reader that discovery matched with the writer. Null when none.
-Reader* FindReader(Participant* pOwner, const GuidPrefix& sourcePrefix, const EntityId_t& writerId,
-                   size_t uiFirst, size_t uiEnd) {
-    if (pOwner == nullptr) return nullptr;
-    for (size_t i = uiFirst; i < uiEnd; ++i) {
-        if (!(writerId == BUILTIN_DATA_WRITERS[i])) continue;
-        Endpoint* pEndpoint = pOwner->takeEndpoint(BUILTIN_DATA_READERS[i]);
-        if (pEndpoint == nullptr) return nullptr;
-        Reader* pReader = dynamic_cast<Reader*>(pEndpoint);
-        // Only a writer created under a reader's id could fail here: give it back.
-        if (pReader == nullptr) pOwner->returnEndpoint(pEndpoint);
-        return pReader;
-    }
-    return pOwner->lookupMatchedReader(GUID_t(sourcePrefix, writerId));
+// table, or the reader that discovery matched with the writer. Empty when none.
+EndpointLoan FindReader(Participant* pOwner, const GuidPrefix& sourcePrefix, const EntityId_t& writerId,
+                        size_t uiFirst, size_t uiEnd) {
+    for (size_t i = uiFirst; i < uiEnd; ++i)
+        if (writerId == BUILTIN_DATA_WRITERS[i]) return EndpointLoan(pOwner, BUILTIN_DATA_READERS[i]);
+    return EndpointLoan::MatchedReader(pOwner, GUID_t(sourcePrefix, writerId));
 }
 }  // namespace
 
@@ -357,8 +350,10 @@ int MessageProcessor::InterpretDataMessage(octet* pSubMessage, const subMessageH
     }
 
     // The writer alone decides: the readerId field and INFO_DST have no say.
-    Reader* pReader = FindReader(m_pOwner, receiver.sourceGuidPrefix, message.writerId, 0,
-                                 sizeof(BUILTIN_DATA_WRITERS) / sizeof(BUILTIN_DATA_WRITERS[0]));
+    EndpointLoan loan = FindReader(m_pOwner, receiver.sourceGuidPrefix, message.writerId, 0,
+                                   sizeof(BUILTIN_DATA_WRITERS) / sizeof(BUILTIN_DATA_WRITERS[0]));
+    // Only a writer created under a reader's id fails the cast; the loan gives it back.
+    Reader* pReader = loan.as<Reader>();
     if (pReader == nullptr) {
         LogText("[MessageProcessor::InterpretDataMessage] pReader = NULL", DDSLOG_INFO);
         return 1;
@@ -367,7 +362,6 @@ int MessageProcessor::InterpretDataMessage(octet* pSubMessage, const subMessageH
         LogFormat(m_iLogKey, DDSLOG_RECV, "[MessageProcessor::InterpretDataMessage] TopicName = %s Seq = %d",
                   TopicOf(pReader).c_str(), int(message.writerSN.low));
     pReader->DataMessageReceive(receiver, message, inlineQos, pData, uint32_t(iLength));
-    m_pOwner->returnEndpoint(pReader);
     return 0;
 }
 
@@ -406,9 +400,9 @@ int MessageProcessor::InterpretDataFragMessage(octet* pSubMessage, const subMess
     const octet* pData = pSubMessage + uiPos;
 
     // No table of built-in writers here: fragments always go through the matching.
-    StatefulReader* pReader = nullptr;
-    if (m_pOwner != nullptr)
-        pReader = m_pOwner->lookupMatchedReader(GUID_t(receiver.sourceGuidPrefix, message.writerId));
+    EndpointLoan loan =
+        EndpointLoan::MatchedReader(m_pOwner, GUID_t(receiver.sourceGuidPrefix, message.writerId));
+    Reader* pReader = loan.as<Reader>();
     if (pReader == nullptr) {
         LogFormat(m_iLogKey, DDSLOG_INFO,
                   "[MessageProcessor::InterpretDataFragMessage] Seq = %d FragmentStartingNum = %d "
@@ -425,7 +419,6 @@ int MessageProcessor::InterpretDataFragMessage(octet* pSubMessage, const subMess
                   TopicOf(pReader).c_str(), int(message.writerSN.low), int(fragment.fragmentStartingNum),
                   int(fragment.fragmentsInSubmessage), int(fragment.fragmentSize), int(fragment.sampleSize));
     pReader->DataFragMessageReceive(receiver, message, fragment, inlineQos, pData, uint32_t(iLength));
-    m_pOwner->returnEndpoint(pReader);
     return 0;
 }
 
@@ -440,8 +433,9 @@ int MessageProcessor::InterpretHeartbeatMessage(octet* pSubMessage, const subMes
         message.count = Swap32(message.count);
     }
     // Final and Liveliness are not looked at.
-    Reader* pReader =
+    EndpointLoan loan =
         FindReader(m_pOwner, receiver.sourceGuidPrefix, message.writerId, FIRST_SEDP_ENTRY, END_SEDP_ENTRY);
+    Reader* pReader = loan.as<Reader>();
     if (pReader == nullptr) {
         LogText("[MessageProcessor::InterpretHeartbeatMessage] pReader = NULL", DDSLOG_INFO);
         return 1;
@@ -452,7 +446,6 @@ int MessageProcessor::InterpretHeartbeatMessage(octet* pSubMessage, const subMes
             "[MessageProcessor::InterpretHeartbeatMessage] TopicName = %s Count = %d First = %d Last = %d",
             TopicOf(pReader).c_str(), int(message.count), int(message.firstSN.low), int(message.lastSN.low));
     pReader->HeartBeatMessageReceive(receiver, message);
-    m_pOwner->returnEndpoint(pReader);
     return 0;
 }
 
@@ -469,8 +462,10 @@ int MessageProcessor::InterpretGapMessage(octet* pSubMessage, const subMessageHe
     // Deliberately no more than the look-up, to keep the behaviour this system has
     // always shown on the wire: the reader is found (and so borrowed) but neither
     // told nor given back. So a GAP never advances a reader, and the reader stays out
-    // of the registry until something returns it: the next takeEndpoint for it waits.
-    FindReader(m_pOwner, receiver.sourceGuidPrefix, message.writerId, FIRST_SEDP_ENTRY, END_SEDP_ENTRY);
+    // of the registry until something returns it: later submessages for it are refused
+    // with a log line instead of waiting for it.
+    FindReader(m_pOwner, receiver.sourceGuidPrefix, message.writerId, FIRST_SEDP_ENTRY, END_SEDP_ENTRY)
+        .KeepTaken();
     return 0;
 }
 
@@ -487,11 +482,12 @@ int MessageProcessor::InterpretAckNackMessage(octet* pSubMessage, const subMessa
         // A 16-bit swap of a 32-bit field: the upper half is lost.
         message.count = uint32_t(Swap16(uint16_t(message.count)));
     }
-    Endpoint* pEndpoint = m_pOwner != nullptr ? m_pOwner->takeEndpoint(message.writerId) : nullptr;
-    StatefulWriter* pWriter = dynamic_cast<StatefulWriter*>(pEndpoint);
+    EndpointLoan loan(m_pOwner, message.writerId);
+    StatefulWriter* pWriter = loan.as<StatefulWriter>();
     if (pWriter == nullptr) {
-        // An endpoint of another class (a best-effort writer) is not given back: the
-        // established behaviour of this path, kept like the GAP's.
+        // An endpoint of another class (a best-effort writer, a reader) is not given back:
+        // the established behaviour of this path, kept like the GAP's.
+        loan.KeepTaken();
         LogText("[MessageProcessor::InterpretAckNackMessage] pStatefulWriter = NULL", DDSLOG_INFO);
         return 1;
     }
@@ -503,7 +499,6 @@ int MessageProcessor::InterpretAckNackMessage(octet* pSubMessage, const subMessa
             TopicOf(pWriter).c_str(), int(message.count), int(message.readerSNState.bitmapBase.low),
             int(message.readerSNState.numBits));
     pWriter->AckNackMessageReceive(receiver, message);
-    m_pOwner->returnEndpoint(pWriter);
     return 0;
 }
 
@@ -519,10 +514,11 @@ int MessageProcessor::InterpretNackFragMessage(octet* pSubMessage, const subMess
         message.fragmentNumberState.numBits = Swap32(message.fragmentNumberState.numBits);
         message.count = Swap32(message.count);
     }
-    Endpoint* pEndpoint = m_pOwner != nullptr ? m_pOwner->takeEndpoint(message.writerId) : nullptr;
-    StatefulWriter* pWriter = dynamic_cast<StatefulWriter*>(pEndpoint);
+    EndpointLoan loan(m_pOwner, message.writerId);
+    StatefulWriter* pWriter = loan.as<StatefulWriter>();
     if (pWriter == nullptr) {
-        // As for ACKNACK, an endpoint of another class stays borrowed.
+        // As for ACKNACK, an endpoint of another class stays taken.
+        loan.KeepTaken();
         LogText("[MessageProcessor::InterpretNackFragMessage] pStatefulWriter = NULL", DDSLOG_INFO);
         return 1;
     }
@@ -537,7 +533,6 @@ int MessageProcessor::InterpretNackFragMessage(octet* pSubMessage, const subMess
                   int(message.fragmentNumberState.bitmapBase), int(message.fragmentNumberState.numBits));
     }
     pWriter->NackFragMessageReceive(receiver, message);
-    m_pOwner->returnEndpoint(pWriter);
     return 0;
 }
 

@@ -98,35 +98,35 @@ int DataMessageRequest_L::sendDataMessage(uint32_t uiMessageLen, bool bTrace) {
                             "[DataMessageRequest_L::sendDataMessage] [4] TopicName = %s SeqNum = %d",
                             m_strTopicName.c_str(), int(sample.sequenceNumber.low));
 
-    Writer* pWriter = DataSendHelper::BorrowWriterOrFail(
+    EndpointLoan writer = DataSendHelper::BorrowWriterOrFail(
         route(), m_EntityId,
         "[DataMessageRequest_L::sendDataMessage] isEndpointExist Error and TopicName = %s", IsStateless);
-    if (pWriter == nullptr) return 1;
+    if (!writer) return 1;
 
     LocatorScratch& locators = ThreadScratch();
-    FillLocators(static_cast<StatelessWriter*>(pWriter), locators);
+    FillLocators(static_cast<StatelessWriter*>(writer.get()), locators);
     // The readerId stays 00 00 00 00, for built-in writers too.
     const DataSendHelper::Texts texts = {
         "[DataMessageRequest_L::sendDataMessage] returnEndpoint Error and TopicName = %s",
         "[MessageTransmitterUDP::MessageSend] Data_L [5] TopicName = %s SeqNum = %d", nullptr};
-    return DataSendHelper::SendData(route(), uiMessageLen, sample, pWriter, true, locators.sources,
+    return DataSendHelper::SendData(route(), uiMessageLen, sample, writer, true, locators.sources,
                                     locators.destinations, bTrace, texts);
 }
 
 int DataMessageRequest_L::sendDataFragMessage(uint32_t uiMessageLen, bool bTrace) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*m_pCacheChange);
 
-    Writer* pWriter = DataSendHelper::BorrowWriterOrFail(
+    EndpointLoan writer = DataSendHelper::BorrowWriterOrFail(
         route(), m_EntityId,
         "[DataMessageRequest_L::sendDataFragMessage] isEndpointExist Error and TopicName = %s", IsStateless);
-    if (pWriter == nullptr) return 1;
+    if (!writer) return 1;
 
     LocatorScratch& locators = ThreadScratch();
-    FillLocators(static_cast<StatelessWriter*>(pWriter), locators);
+    FillLocators(static_cast<StatelessWriter*>(writer.get()), locators);
     const DataSendHelper::Texts texts = {
         "[DataMessageRequest_L::sendDataFragMessage] returnEndpoint Error and TopicName = %s",
         "[MessageTransmitterUDP::MessageSend] DataFrag_L [5] TopicName = %s SeqNum = %d FragNum = %d",
         "[DataMessageRequest_L::sendDataFragMessage] [6] TopicName = %s SeqNum = %d"};
-    return DataSendHelper::SendFragmentSeries(route(), uiMessageLen, sample, pWriter, true, locators.sources,
+    return DataSendHelper::SendFragmentSeries(route(), uiMessageLen, sample, writer, true, locators.sources,
                                               locators.destinations, bTrace, texts);
 }

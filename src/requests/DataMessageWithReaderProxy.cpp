@@ -4,30 +4,27 @@
 #include "core/SystemClock.h"
 #include "messages/MessageProcessor.h"
 #include "requests/DataSendHelper.h"
+#include "rtps/Writer.h"  // layer-ok: the borrowed writer supplies its source locators
 
 namespace {
 // Pause after each resent fragment, so that a repair burst does not flood the reader.
 const int FRAGMENT_PAUSE_MS = 1;
 }  // namespace
 
-DataMessageWithReaderProxy::DataMessageWithReaderProxy(const EntityId_t& entityId, ReaderProxy* pReaderProxy,
+DataMessageWithReaderProxy::DataMessageWithReaderProxy(const EntityId_t& entityId, const GUID_t& readerGuid,
                                                        MessageProcessor* pMessageProcessor,
                                                        MessageTransmitter* pMessageTransmitter,
                                                        const Time_t& startTime, const Time_t& nextTime)
     : Request(REQUEST_TYPE_DATA_READER_PROXY, entityId, pMessageProcessor, pMessageTransmitter, startTime,
               nextTime),
-      m_pReaderProxy(pReaderProxy) {}
+      m_ReaderGuid(readerGuid) {}
 
 DataMessageWithReaderProxy::~DataMessageWithReaderProxy() {}
 
 std::list<Locator_t> DataMessageWithReaderProxy::proxyUnicastLocators() const {
-    // Finished with the reliable protocol work: the proxy's unicast locator list.
+    // Finished with the reliable protocol work: the unicast locator list of the
+    // proxy of m_ReaderGuid, looked up on the borrowed writer.
     return std::list<Locator_t>();
-}
-
-GUID_t DataMessageWithReaderProxy::proxyGuid() const {
-    // Finished with the reliable protocol work: the proxy's remoteReaderGuid.
-    return GUID_UNKNOWN;
 }
 
 uint32_t DataMessageWithReaderProxy::Execute() {
@@ -44,8 +41,8 @@ uint32_t DataMessageWithReaderProxy::Execute() {
     }
 
     m_pMessageProcessor->lockMessage();
-    Writer* pWriter = DataSendHelper::BorrowWriter(m_pMessageProcessor, m_EntityId);
-    if (pWriter == nullptr) {
+    EndpointLoan writer = DataSendHelper::BorrowWriter(m_pMessageProcessor, m_EntityId);
+    if (!writer) {
         // Gone while we waited for it.
         m_pMessageProcessor->unlockMessage();
         DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
@@ -54,21 +51,24 @@ uint32_t DataMessageWithReaderProxy::Execute() {
         return REQUEST_EXECUTE_FAILED;
     }
 
-    // Finished with the reliable protocol work: take the writer's HistoryCache
-    // and walk a copy of the proxy's requested_changes() with gapStart 0 and an
+    // Finished with the reliable protocol work: look up the proxy of m_ReaderGuid
+    // on the borrowed writer (unmatched meanwhile: give everything back and end
+    // quietly), take the writer's HistoryCache and walk a copy of the proxy's
+    // requested_changes() with gapStart 0 and an
     // empty gapList (base 0, numBits 0). An entry with is_relevant clear sets
     // gapStart if it is 0 and moves gapList's base to its number + 1. A relevant
     // entry: takeChange (none: pass it over, no GAP), sendRequestedChange,
     // returnChange; the failures of sendRequestedChange end Execute as its
     // result codes say. A range still pending at the end is dropped.
 
-    DataSendHelper::ReturnWriter(m_pMessageProcessor, pWriter);
+    writer.Return();
     m_pMessageProcessor->unlockMessage();
     return REQUEST_EXECUTE_OK;
 }
 
 DataMessageWithReaderProxy::SendResult DataMessageWithReaderProxy::sendRequestedChange(
-    Writer* pWriter, CacheChange* pChange, SequenceNumber_t& gapStart, const SequenceNumberSet& gapList) {
+    EndpointLoan& writer, CacheChange* pChange, SequenceNumber_t& gapStart,
+    const SequenceNumberSet& gapList) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*pChange);
     const GUID_t reader = proxyGuid();
 
@@ -101,9 +101,9 @@ DataMessageWithReaderProxy::SendResult DataMessageWithReaderProxy::sendRequested
         gapStart = SEQUENCENUMBER_ZERO;
     }
     if (DataSendHelper::IsSingleData(sample.uiDataLength))
-        sendDataMessage(uiMessageLen, pChange, pWriter);
+        sendDataMessage(uiMessageLen, pChange, writer);
     else
-        sendDataFragMessage(uiMessageLen, pChange, pWriter);
+        sendDataFragMessage(uiMessageLen, pChange, writer);
     return SEND_DONE;
 }
 
@@ -113,16 +113,16 @@ DataSendHelper::Route DataMessageWithReaderProxy::route() const {
 }
 
 int DataMessageWithReaderProxy::sendDataMessage(uint32_t uiMessageLen, CacheChange* pChange,
-                                                Writer* pWriter) {
+                                                EndpointLoan& writer) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*pChange);
-    const std::list<Locator_t> sources = DataSendHelper::SourcesOf(pWriter);
+    const std::list<Locator_t> sources = DataSendHelper::SourcesOf(writer.as<Writer>());
     const std::list<Locator_t> destinations = proxyUnicastLocators();
     const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
     // The writer is Execute's to give back.
     const DataSendHelper::Texts texts = {
         "[DataMessageWithReaderProxy::sendDataMessage] EncapsulateDATAMessage Error and TopicName = %s",
         "[MessageTransmitterUDP::MessageSend] DataProxy [5] TopicName = %s SeqNum = %d", nullptr};
-    return DataSendHelper::SendData(route(), uiMessageLen, sample, pWriter, false, sources, destinations,
+    return DataSendHelper::SendData(route(), uiMessageLen, sample, writer, false, sources, destinations,
                                     bTrace, texts, [this](bool bEncoded) {
                                         if (bEncoded)
                                             m_pMessageProcessor->modifyDataReaderId(proxyGuid().entityId);
@@ -130,17 +130,17 @@ int DataMessageWithReaderProxy::sendDataMessage(uint32_t uiMessageLen, CacheChan
 }
 
 int DataMessageWithReaderProxy::sendDataFragMessage(uint32_t uiMessageLen, CacheChange* pChange,
-                                                    Writer* pWriter) {
+                                                    EndpointLoan& writer) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*pChange);
     const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
-    const std::list<Locator_t> sources = DataSendHelper::SourcesOf(pWriter);
+    const std::list<Locator_t> sources = DataSendHelper::SourcesOf(writer.as<Writer>());
     const std::list<Locator_t> destinations = proxyUnicastLocators();
     // The whole sample goes again; a selective repair is FragRepairRequest's job.
     const DataSendHelper::Texts texts = {
         "[DataMessageWithReaderProxy::Execute] EncapsulateDATAFragMessage Error and TopicName = %s",
         "[MessageTransmitterUDP::MessageSend] DataFragProxy [5] TopicName = %s SeqNum = %d FragNum = %d",
         "[DataMessageRequest::sendDataFragMessage] [6] TopicName = %s SeqNum = %d"};
-    return DataSendHelper::SendFragmentSeries(route(), uiMessageLen, sample, pWriter, false, sources,
+    return DataSendHelper::SendFragmentSeries(route(), uiMessageLen, sample, writer, false, sources,
                                               destinations, bTrace, texts,
                                               [](uint32_t) { SystemClock::SleepMs(FRAGMENT_PAUSE_MS); });
 }

@@ -1,7 +1,8 @@
 // Resend of the changes that one reader asked for by ACKNACK, addressed to it
 // alone (INFO_DST, optional GAP). Queued on the send thread by the
 // StatefulWriter; Execute holds the message lock and the borrowed writer for
-// all the requested changes.
+// all the requested changes. The reader is named by its GUID and its proxy is
+// looked up on the borrowed writer: a queued request may outlive the proxy.
 #pragma once
 
 #include <cstdint>
@@ -12,13 +13,12 @@
 #include "requests/Request.h"
 
 class CacheChange;
-class ReaderProxy;
 class Writer;
 
 class DataMessageWithReaderProxy : public Request {
 public:
-    // pReaderProxy belongs to the writer: not owned.
-    DataMessageWithReaderProxy(const EntityId_t& entityId, ReaderProxy* pReaderProxy,
+    // readerGuid names the matched reader that asked.
+    DataMessageWithReaderProxy(const EntityId_t& entityId, const GUID_t& readerGuid,
                                MessageProcessor* pMessageProcessor, MessageTransmitter* pMessageTransmitter,
                                const Time_t& startTime, const Time_t& nextTime);
     ~DataMessageWithReaderProxy() override;
@@ -37,16 +37,16 @@ private:
     // One requested change to this reader: header, INFO_DST, INFO_TS, the
     // pending GAP (gapStart is then reset to 0), DATA or the DATA_FRAG series.
     // Logs its own failure texts.
-    SendResult sendRequestedChange(Writer* pWriter, CacheChange* pChange, SequenceNumber_t& gapStart,
+    SendResult sendRequestedChange(EndpointLoan& writer, CacheChange* pChange, SequenceNumber_t& gapStart,
                                    const SequenceNumberSet& gapList);
     // This request's sender and log key and topic, for the shared send steps.
     DataSendHelper::Route route() const;
-    int sendDataMessage(uint32_t uiMessageLen, CacheChange* pChange, Writer* pWriter);
-    int sendDataFragMessage(uint32_t uiMessageLen, CacheChange* pChange, Writer* pWriter);
+    int sendDataMessage(uint32_t uiMessageLen, CacheChange* pChange, EndpointLoan& writer);
+    int sendDataFragMessage(uint32_t uiMessageLen, CacheChange* pChange, EndpointLoan& writer);
 
     // What the sends need of the proxy.
     std::list<Locator_t> proxyUnicastLocators() const;
-    GUID_t proxyGuid() const;
+    const GUID_t& proxyGuid() const { return m_ReaderGuid; }
 
-    ReaderProxy* m_pReaderProxy;  // not owned
+    GUID_t m_ReaderGuid;
 };

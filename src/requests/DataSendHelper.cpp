@@ -3,7 +3,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <thread>
 
 #include "DDSLogManagementFactory.h"
 #include "messages/MessageProcessor.h"
@@ -50,26 +49,14 @@ bool DataSendHelper::WriterExists(MessageProcessor* pProcessor, const EntityId_t
     return pParticipant != nullptr && pParticipant->isEndpointExist(writerId);
 }
 
-Writer* DataSendHelper::BorrowWriter(MessageProcessor* pProcessor, const EntityId_t& writerId) {
+EndpointLoan DataSendHelper::BorrowWriter(MessageProcessor* pProcessor, const EntityId_t& writerId) {
     Participant* pParticipant = pProcessor != nullptr ? pProcessor->getOwner() : nullptr;
-    if (pParticipant == nullptr) return nullptr;
-    // takeEndpoint waits for another holder itself; a null answer for an id
-    // that still exists is asked again, one for an id that has gone ends it.
-    for (;;) {
-        Endpoint* pEndpoint = pParticipant->takeEndpoint(writerId);
-        if (pEndpoint != nullptr) {
-            Writer* pWriter = dynamic_cast<Writer*>(pEndpoint);
-            if (pWriter == nullptr) pParticipant->returnEndpoint(pEndpoint);
-            return pWriter;
-        }
-        if (!pParticipant->isEndpointExist(writerId)) return nullptr;
-        std::this_thread::yield();
-    }
-}
-
-void DataSendHelper::ReturnWriter(MessageProcessor* pProcessor, Writer* pWriter) {
-    Participant* pParticipant = pProcessor != nullptr ? pProcessor->getOwner() : nullptr;
-    if (pParticipant != nullptr && pWriter != nullptr) pParticipant->returnEndpoint(pWriter);
+    if (pParticipant == nullptr) return EndpointLoan();
+    // The loan waits for another holder itself; it comes back empty only when waiting
+    // cannot help (gone, left taken, or held by this very thread).
+    EndpointLoan loan(pParticipant, writerId);
+    if (loan.as<Writer>() == nullptr) loan.Return();
+    return loan;
 }
 
 std::list<Locator_t> DataSendHelper::SourcesOf(const Writer* pWriter) {
@@ -133,31 +120,32 @@ bool DataSendHelper::ComposeFrontOrFail(const Route& route, uint32_t& uiMessageL
     return false;
 }
 
-Writer* DataSendHelper::BorrowWriterOrFail(const Route& route, const EntityId_t& writerId,
-                                           const char* szFailed, bool (*accept)(const Writer*)) {
-    Writer* pWriter = nullptr;
-    if (WriterExists(route.pProcessor, writerId)) pWriter = BorrowWriter(route.pProcessor, writerId);
-    if (pWriter != nullptr && (accept == nullptr || accept(pWriter))) return pWriter;
+EndpointLoan DataSendHelper::BorrowWriterOrFail(const Route& route, const EntityId_t& writerId,
+                                                const char* szFailed, bool (*accept)(const Writer*)) {
+    EndpointLoan writer;
+    if (WriterExists(route.pProcessor, writerId)) writer = BorrowWriter(route.pProcessor, writerId);
+    const Writer* pWriter = writer.as<Writer>();
+    if (pWriter != nullptr && (accept == nullptr || accept(pWriter))) return writer;
     // Gone before or during the wait, or not of the kind asked for.
-    ReturnWriter(route.pProcessor, pWriter);
+    writer.Return();
     Log(route.uiLogKey, DDSLOG_INFO, szFailed, route.szTopicName);
-    return nullptr;
+    return writer;
 }
 
-int DataSendHelper::SendData(const Route& route, uint32_t uiMessageLen, const Sample& sample, Writer* pWriter,
-                             bool bGiveBack, const std::list<Locator_t>& sources,
+int DataSendHelper::SendData(const Route& route, uint32_t uiMessageLen, const Sample& sample,
+                             EndpointLoan& writer, bool bGiveBack, const std::list<Locator_t>& sources,
                              const std::list<Locator_t>& destinations, bool bTrace, const Texts& texts,
                              const std::function<void(bool)>& afterEncode) {
     const int iSeq = int(sample.sequenceNumber.low);
-    const bool bEncoded = AppendData(route.pProcessor, uiMessageLen, sample, pWriter) != nullptr;
+    const bool bEncoded = AppendData(route.pProcessor, uiMessageLen, sample, writer.as<Writer>()) != nullptr;
     if (afterEncode) afterEncode(bEncoded);
     if (!bEncoded) {
-        if (bGiveBack) ReturnWriter(route.pProcessor, pWriter);
+        if (bGiveBack) writer.Return();
         Log(route.uiLogKey, DDSLOG_INFO, texts.szEncodeFailed, route.szTopicName);
         return 1;
     }
     // Given back before the send: the message no longer needs the writer.
-    if (bGiveBack) ReturnWriter(route.pProcessor, pWriter);
+    if (bGiveBack) writer.Return();
     Send(route.pProcessor, route.pTransmitter, sources, destinations, uiMessageLen);
     if (bTrace && texts.szSent != nullptr)
         Log(route.uiLogKey, DDSLOG_WRITE, texts.szSent, route.szTopicName, iSeq);
@@ -165,26 +153,27 @@ int DataSendHelper::SendData(const Route& route, uint32_t uiMessageLen, const Sa
 }
 
 int DataSendHelper::SendFragmentSeries(const Route& route, uint32_t uiFrontLen, const Sample& sample,
-                                       Writer* pWriter, bool bGiveBack, const std::list<Locator_t>& sources,
+                                       EndpointLoan& writer, bool bGiveBack,
+                                       const std::list<Locator_t>& sources,
                                        const std::list<Locator_t>& destinations, bool bTrace,
                                        const Texts& texts, const std::function<void(uint32_t)>& afterSend) {
     const int iSeq = int(sample.sequenceNumber.low);
     // The writer stays borrowed for the whole series.
-    const int iResult = SendFragments(route.pProcessor, route.pTransmitter, uiFrontLen, sample, pWriter,
-                                      sources, destinations, [&](uint32_t uiFragmentNum) {
-                                          if (bTrace && texts.szSent != nullptr)
-                                              Log(route.uiLogKey, DDSLOG_WRITE, texts.szSent,
-                                                  route.szTopicName, iSeq, int(uiFragmentNum));
-                                          if (afterSend) afterSend(uiFragmentNum);
-                                      });
+    const int iResult = SendFragments(
+        route.pProcessor, route.pTransmitter, uiFrontLen, sample, writer.as<Writer>(), sources, destinations,
+        [&](uint32_t uiFragmentNum) {
+            if (bTrace && texts.szSent != nullptr)
+                Log(route.uiLogKey, DDSLOG_WRITE, texts.szSent, route.szTopicName, iSeq, int(uiFragmentNum));
+            if (afterSend) afterSend(uiFragmentNum);
+        });
     if (iResult != 0) {
-        if (bGiveBack) ReturnWriter(route.pProcessor, pWriter);
+        if (bGiveBack) writer.Return();
         Log(route.uiLogKey, DDSLOG_INFO, texts.szEncodeFailed, route.szTopicName);
         return 1;
     }
     if (bTrace && texts.szSeriesDone != nullptr)
         Log(route.uiLogKey, DDSLOG_WRITE, texts.szSeriesDone, route.szTopicName, iSeq);
-    if (bGiveBack) ReturnWriter(route.pProcessor, pWriter);
+    if (bGiveBack) writer.Return();
     return 0;
 }
 

@@ -11,6 +11,7 @@
 
 #include "BasicTypes.h"
 #include "messages/SubMessages.h"
+#include "rtps/EndpointLoan.h"  // layer-ok: requests borrow their writer from the participant's registry
 
 class CacheChange;
 class MessageProcessor;
@@ -44,10 +45,9 @@ public:
 
     // Existence through the processor's participant; false without one.
     static bool WriterExists(MessageProcessor* pProcessor, const EntityId_t& writerId);
-    // Borrows the writer, asking again while the id still exists; null when it
-    // has gone (or is not a writer, which is then given back at once).
-    static Writer* BorrowWriter(MessageProcessor* pProcessor, const EntityId_t& writerId);
-    static void ReturnWriter(MessageProcessor* pProcessor, Writer* pWriter);
+    // Borrows the writer, waiting while another thread holds it. Empty when it has gone, was
+    // left taken, or is not a writer (which is then given back at once).
+    static EndpointLoan BorrowWriter(MessageProcessor* pProcessor, const EntityId_t& writerId);
     static std::list<Locator_t> SourcesOf(const Writer* pWriter);
 
     // Message header then INFO_TS with the sample's timestamp, from length 0.
@@ -88,21 +88,21 @@ public:
     static bool ComposeFrontOrFail(const Route& route, uint32_t& uiMessageLen, const Sample& sample,
                                    const char* szHeaderFailed, const char* szInfoTsFailed);
     // BorrowWriter when the id exists. A writer that is missing, or that accept
-    // (when given) turns down, is given back, szFailed logged (INFO) and null returned.
-    static Writer* BorrowWriterOrFail(const Route& route, const EntityId_t& writerId, const char* szFailed,
-                                      bool (*accept)(const Writer*) = nullptr);
-    // One DATA: AppendData, afterEncode(encoded) when given, then on failure the
-    // writer back (when bGiveBack) and szEncodeFailed, 1; else the writer back,
-    // Send, the szSent trace, 0.
-    static int SendData(const Route& route, uint32_t uiMessageLen, const Sample& sample, Writer* pWriter,
+    // (when given) turns down, is given back, szFailed logged (INFO) and the loan is empty.
+    static EndpointLoan BorrowWriterOrFail(const Route& route, const EntityId_t& writerId,
+                                           const char* szFailed, bool (*accept)(const Writer*) = nullptr);
+    // One DATA from the borrowed writer: AppendData, afterEncode(encoded) when given, then
+    // on failure the writer back (when bGiveBack) and szEncodeFailed, 1; else the writer
+    // back (when bGiveBack), Send, the szSent trace, 0.
+    static int SendData(const Route& route, uint32_t uiMessageLen, const Sample& sample, EndpointLoan& writer,
                         bool bGiveBack, const std::list<Locator_t>& sources,
                         const std::list<Locator_t>& destinations, bool bTrace, const Texts& texts,
                         const std::function<void(bool)>& afterEncode = nullptr);
     // SendFragments with the szSent trace and afterSend after each; on failure
     // the writer back (when bGiveBack) and szEncodeFailed, 1; else the
-    // szSeriesDone trace, the writer back, 0.
+    // szSeriesDone trace, the writer back (when bGiveBack), 0.
     static int SendFragmentSeries(const Route& route, uint32_t uiFrontLen, const Sample& sample,
-                                  Writer* pWriter, bool bGiveBack, const std::list<Locator_t>& sources,
+                                  EndpointLoan& writer, bool bGiveBack, const std::list<Locator_t>& sources,
                                   const std::list<Locator_t>& destinations, bool bTrace, const Texts& texts,
                                   const std::function<void(uint32_t)>& afterSend = nullptr);
 

@@ -1,5 +1,7 @@
 #include "requests/RequestFactory.h"
 
+#include "rtps/CacheChange.h"  // layer-ok: the request keeps the number and length of the writer's change
+
 // The creating operations of the request classes are defined here, one block
 // per class, each as
 //
@@ -15,9 +17,10 @@
 
 DataMessageRequest* RequestFactory::CreateDataMessageRequest(RequestScheduler* pScheduler,
                                                              const EntityId_t& entityId,
-                                                             const std::list<ReaderProxy*>& readerProxies,
-                                                             CacheChange* pCacheChange) {
-    return CreateRequest<DataMessageRequest>(pScheduler, entityId, readerProxies, pCacheChange);
+                                                             const std::list<GUID_t>& readers,
+                                                             const CacheChange& change) {
+    return CreateRequest<DataMessageRequest>(pScheduler, entityId, readers, change.sequenceNumber,
+                                             change.dataLength);
 }
 
 DataMessageRequest_L* RequestFactory::CreateDataMessageRequest_L(RequestScheduler* pScheduler,
@@ -28,6 +31,6 @@ DataMessageRequest_L* RequestFactory::CreateDataMessageRequest_L(RequestSchedule
 
 DataMessageWithReaderProxy* RequestFactory::CreateDataMessageWithReaderProxy(RequestScheduler* pScheduler,
                                                                              const EntityId_t& entityId,
-                                                                             ReaderProxy* pReaderProxy) {
-    return CreateRequest<DataMessageWithReaderProxy>(pScheduler, entityId, pReaderProxy);
+                                                                             const GUID_t& readerGuid) {
+    return CreateRequest<DataMessageWithReaderProxy>(pScheduler, entityId, readerGuid);
 }

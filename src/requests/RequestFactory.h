@@ -24,30 +24,32 @@ public:
                                     pScheduler->GetMessageTransmitter(), Time_t(0, 0), Time_t(0, 0));
     }
 
-    // pCacheChange stays the writer's.
+    // The change stays the writer's: the request keeps its number and length only.
     static DataMessageRequest* CreateDataMessageRequest(RequestScheduler* pScheduler,
                                                         const EntityId_t& entityId,
-                                                        const std::list<ReaderProxy*>& readerProxies,
-                                                        CacheChange* pCacheChange);
+                                                        const std::list<GUID_t>& readers,
+                                                        const CacheChange& change);
     // The request takes over pCacheChange; on a null result the caller keeps it.
     static DataMessageRequest_L* CreateDataMessageRequest_L(RequestScheduler* pScheduler,
                                                             const EntityId_t& entityId,
                                                             CacheChange* pCacheChange);
     static DataMessageWithReaderProxy* CreateDataMessageWithReaderProxy(RequestScheduler* pScheduler,
                                                                         const EntityId_t& entityId,
-                                                                        ReaderProxy* pReaderProxy);
+                                                                        const GUID_t& readerGuid);
 
     // One creating operation per request class, each a CreateRequest<Class>
     // with the class's own arguments; the classes add them here as they land
     // (declared next to the class's header include, defined in the .cpp):
     //
     // HeartbeatMessageRequest* CreateHeartbeatMessageRequest(RequestScheduler*,
-    //     const EntityId_t&, const std::list<ReaderProxy*>&);
+    //     const EntityId_t&, const std::list<GUID_t>& readers);
     // AcknackMessageRequest* CreateAcknackMessageRequest(RequestScheduler*,
     //     const EntityId_t&, const GUID_t& writerGuid, const SequenceNumberSet&);
     //     (passes the named scheduler on as the request's own scheduler)
     // NackFragMessageRequest* CreateNackFragMessageRequest(RequestScheduler*,
-    //     const EntityId_t&, WriterProxy*, const SequenceNumber_t&, const FragmentNumberSet&);
+    //     const EntityId_t&, const GUID_t& writerGuid, const SequenceNumber_t&, const FragmentNumberSet&);
     // FragRepairRequest* CreateFragRepairRequest(RequestScheduler*, const EntityId_t&,
-    //     ReaderProxy*, const SequenceNumber_t&, const FragmentNumberSet&);
+    //     const GUID_t& readerGuid, const SequenceNumber_t&, const FragmentNumberSet&);
+    // Like the data requests, they name proxies by GUID, never by pointer: a queued
+    // request resolves them under a loan of its endpoint and ends quietly if they are gone.
 };

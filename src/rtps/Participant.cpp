@@ -8,7 +8,6 @@
 
 #include "DDSLogManagementFactory.h"
 #include "MorvoFun.h"
-#include "core/Mutex.h"
 #include "core/Thread.h"
 #include "messages/MessageProcessor.h"
 #include "messages/MessageTransmitter.h"
@@ -55,7 +54,6 @@ Participant::Participant(GUID_t guidValue, DomainParticipantImpl* pOwner, int iL
       m_WriterEntityKey((uint32_t(DomainIdOf(guidValue)) << 24) | 0x40000),
       m_ReaderEntityKey((uint32_t(DomainIdOf(guidValue)) << 24) | 0x90000),
       m_EndpointMap(),
-      m_EndpointMapMutex(nullptr),
       m_ImmeditRequestScheduler(nullptr),
       m_PeriodRequestScheduler(nullptr),
       m_ReceiveBuffer(nullptr),
@@ -83,7 +81,6 @@ Participant::Participant(GUID_t guidValue, DomainParticipantImpl* pOwner, int iL
     m_PeriodRequestScheduler =
         new (std::nothrow) PeriodRequestScheduler(m_MessageProcessor, m_MessageTransmitter);
     if (m_PeriodRequestScheduler != nullptr) m_PeriodRequestScheduler->SetLogKey(iLogKey);
-    m_EndpointMapMutex = new (std::nothrow) Mutex();
 }
 
 Participant::~Participant() {
@@ -92,18 +89,18 @@ Participant::~Participant() {
     if (m_DistThread != nullptr) stopDistThread();
     if (m_SendThread != nullptr) stopSendThread();
 
-    m_EndpointMapMutex->Lock();
-    for (auto it = m_EndpointMap.begin(); it != m_EndpointMap.end();) {
-        delete it->second;
-        it = m_EndpointMap.erase(it);
+    // Collected under the lock, deleted after it: an endpoint's destructor may stop timers
+    // and periodic requests whose callbacks borrow endpoints.
+    std::map<EntityId_t, EndpointSlot> endpoints;
+    {
+        std::lock_guard<std::mutex> lock(m_EndpointMapMutex);
+        endpoints.swap(m_EndpointMap);
     }
-    m_EndpointMap.clear();
-    m_EndpointMapMutex->Unlock();
+    for (auto& entry : endpoints) delete entry.second.pEndpoint;
 
     if (m_bThreadStuck) {
         // A loop that never ended still uses the machinery: leaking it is the lesser harm.
         LogText("[Participant::~Participant] thread did not stop, machinery kept");
-        delete m_EndpointMapMutex;
         return;
     }
     delete m_ReceiveBuffer;
@@ -111,7 +108,6 @@ Participant::~Participant() {
     delete m_MessageTransmitter;
     delete m_ImmeditRequestScheduler;
     delete m_PeriodRequestScheduler;
-    delete m_EndpointMapMutex;
 }
 
 void Participant::setLogKey(int iLogKey) {
@@ -170,9 +166,7 @@ StatefulReader* Participant::createReader(DataReaderQos attributes, EntityId_t e
     if (pReader == nullptr) return nullptr;
     pReader->setUnicastLocatorList(defaultUnicastLocatorList);
 
-    m_EndpointMapMutex->Lock();
-    m_EndpointMap[readerGuid.entityId] = pReader;
-    m_EndpointMapMutex->Unlock();
+    insertEndpoint(pReader);
 
     const TransportMulticastSettingSeq& settings = attributes.multicast.value;
     for (uint32_t i = 0; i < settings.length; ++i) {
@@ -198,47 +192,16 @@ Writer* Participant::createWriter(DataWriterQos attributes, EntityId_t entityId)
     if (pWriter == nullptr) return nullptr;
     pWriter->setUnicastLocatorList(defaultUnicastLocatorList);
 
-    m_EndpointMapMutex->Lock();
-    m_EndpointMap[writerGuid.entityId] = pWriter;
-    m_EndpointMapMutex->Unlock();
+    insertEndpoint(pWriter);
     return pWriter;
 }
 
-bool Participant::waitUntilReturned(const EntityId_t& entityId, bool bSleep) {
-    for (;;) {
-        m_EndpointMapMutex->Lock();
-        auto it = m_EndpointMap.find(entityId);
-        const bool bPresent = it != m_EndpointMap.end();
-        const bool bFree = bPresent && it->second != nullptr;
-        m_EndpointMapMutex->Unlock();
-        if (!bPresent) return false;
-        if (bFree) return true;
-        if (bSleep)
-            MorvoFun::DDS_msleep(1);
-        else
-            std::this_thread::yield();  // not a sleep: lets the borrower reach the lock
-    }
-}
-
-void Participant::eraseAndDelete(Endpoint* pEndpoint) {
-    m_EndpointMapMutex->Lock();
-    m_EndpointMap.erase(pEndpoint->getEntityId());
-    delete pEndpoint;
-    m_EndpointMapMutex->Unlock();
-}
-
-int Participant::deleteReader(Endpoint* pEndpoint) {
-    // An endpoint not in the map is not ours to delete.
-    if (pEndpoint == nullptr || !waitUntilReturned(pEndpoint->getEntityId(), true)) return 0;
-    eraseAndDelete(pEndpoint);
-    return 0;
-}
-
-int Participant::deleteWriter(Endpoint* pEndpoint) {
-    // Unlike deleteReader this one waits without sleeping; both forms are kept.
-    if (pEndpoint == nullptr || !waitUntilReturned(pEndpoint->getEntityId(), false)) return 0;
-    eraseAndDelete(pEndpoint);
-    return 0;
+void Participant::insertEndpoint(Endpoint* pEndpoint) {
+    std::lock_guard<std::mutex> lock(m_EndpointMapMutex);
+    EndpointSlot& slot = m_EndpointMap[pEndpoint->getEntityId()];
+    slot.pEndpoint = pEndpoint;
+    slot.holder = std::thread::id();
+    slot.bKeptTaken = false;
 }
 
 // ------------------------------------------------------------------ threads

@@ -1,13 +1,18 @@
 // The protocol-level participant: owns the wire machinery (receive buffer, transmitter,
 // processor, both schedulers, three threads) and every endpoint. Background threads reach an
-// endpoint only by takeEndpoint/returnEndpoint; m_EndpointMapMutex guards the endpoint map.
+// endpoint only through an EndpointLoan (takeEndpoint/returnEndpoint); m_EndpointMapMutex
+// guards the endpoint map and is a leaf: no endpoint code runs under it.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <list>
 #include <map>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "BasicTypes.h"
 #include "QosPolicy.h"
@@ -19,7 +24,6 @@ class Endpoint;
 class ImmeditRequestScheduler;
 class MessageProcessor;
 class MessageTransmitter;
-class Mutex;
 class PeriodRequestScheduler;
 class ReceiveBuffer;
 class RequestScheduler;
@@ -35,6 +39,9 @@ public:
     static constexpr const char* DEFAULT_MULTICAST_ADDRESS = "239.255.0.1";
     static constexpr int STOP_POLL_MS = 10;
     static constexpr int STOP_POLL_LIMIT = 3000;  // 10 ms each: about 30 s
+    // A wait for a borrowed endpoint that lasts this long is logged, once per wait. The
+    // longest legitimate hold is a fragment series or a repair burst, tens of milliseconds.
+    static constexpr int BORROW_WAIT_LOG_MS = 1000;
 
     // Makes the transmitter over the participant's receive buffer; the participant owns the
     // result. Null selects MessageTransmitterUDP. Lets tests and tools run without sockets.
@@ -88,19 +95,28 @@ public:
     int deleteWriter(Endpoint* pEndpoint);
 
     // ------------------------------------------------ registry (any thread)
-    // A borrowed endpoint counts as existing.
+    // A borrowed endpoint, or one left taken, counts as existing.
     bool isEndpointExist(EntityId_t entityId);
-    // Borrows the endpoint, spinning while another thread holds it; null when the id is
-    // unknown. Never borrow twice on one thread.
+    // Borrows the endpoint for the calling thread, waiting while another thread holds it.
+    // Null, with a log line, when the id is unknown, when the endpoint was left taken on
+    // purpose (keepEndpointTaken) or when the calling thread holds it already: each would
+    // otherwise wait for ever. Background threads use EndpointLoan rather than this.
     Endpoint* takeEndpoint(EntityId_t entityId);
-    // 0, or 1 when the id has gone from the map (the endpoint then stays undeleted).
+    // As takeEndpoint, but null at once (and silently) when another thread holds it.
+    Endpoint* tryTakeEndpoint(const EntityId_t& entityId);
+    // 0, or 1 when the id has gone from the map (the endpoint then stays undeleted). Any
+    // thread may give back, and giving back ends a keepEndpointTaken as well.
     int returnEndpoint(Endpoint* pEndpoint);
+    // Leaves a borrowed endpoint out of the table on purpose: no thread can borrow it until
+    // something returns it, and no thread waits for it either. Deleting it still works.
+    void keepEndpointTaken(Endpoint* pEndpoint);
     // The local reader that Discovery matched with the remote writer, borrowed: the caller
     // returns it. Null when there is none.
     StatefulReader* lookupMatchedReader(GUID_t remoteWriter);
 
-    // Walks over the application endpoints (built-in and borrowed ones are skipped), under
-    // m_EndpointMapMutex. Each returns 0.
+    // Walks over the application endpoints: built-in ones are skipped, and so is whatever
+    // another thread holds at that moment. Each endpoint is borrowed for its step, with the
+    // map lock released. Each returns 0.
     int checkWriterLiveliness(Time_t now);
     int checkReaderLiveliness(Time_t now);
     int assertWriterLiveliness(uint32_t uiLivelinessKind);
@@ -144,9 +160,26 @@ private:
     EntityId_t allotReaderId();
     // Element 0 immediate, element 1 periodic, as every endpoint takes them.
     void fillSchedulers(RequestScheduler* apSchedulers[2]) const;
-    // Spin until the id's value is non-null (nobody holds it); false if the id is gone.
-    bool waitUntilReturned(const EntityId_t& entityId, bool bSleep);
-    void eraseAndDelete(Endpoint* pEndpoint);
+    // One entry of the registry. The endpoint pointer stays while it is lent out, so that
+    // deletion and teardown never lose it; holder says who has it.
+    struct EndpointSlot {
+        Endpoint* pEndpoint = nullptr;
+        std::thread::id holder;   // default id: nobody holds it
+        bool bKeptTaken = false;  // left taken on purpose; nobody will give it back
+    };
+    enum BorrowMode { BORROW_WAIT, BORROW_NO_WAIT };
+    // A second endpoint under one id replaces the first in the table, as it always did.
+    void insertEndpoint(Endpoint* pEndpoint);
+    Endpoint* borrow(const EntityId_t& entityId, BorrowMode mode);
+    // Waits until no thread holds the id, then erases it; false if it was not there (or is
+    // held by the calling thread, which would wait for itself). Deletion happens after,
+    // outside the lock.
+    bool eraseWhenReturned(Endpoint* pEndpoint, const char* szOperation);
+    // Ids of the application endpoints of one side, copied under the lock.
+    std::vector<EntityId_t> applicationEndpointIds(bool bWriters);
+    // Borrows each id in turn without waiting, runs fnStep on it with the lock released, and
+    // gives it back.
+    void walk(const std::vector<EntityId_t>& ids, const std::function<void(Endpoint*)>& fnStep);
     bool isBuiltinWriterId(const EntityId_t& entityId) const;
     bool isBuiltinReaderId(const EntityId_t& entityId) const;
     // Polls isStopped every 10 ms (bounded), then deletes the thread object.
@@ -162,8 +195,9 @@ private:
     DomainParticipantImpl* m_DomainParticipant;  // not owned
     uint32_t m_WriterEntityKey;                  // changed outside the mutex
     uint32_t m_ReaderEntityKey;
-    std::map<EntityId_t, Endpoint*> m_EndpointMap;  // owned; null while borrowed
-    Mutex* m_EndpointMapMutex;
+    std::map<EntityId_t, EndpointSlot> m_EndpointMap;    // owned endpoints
+    std::mutex m_EndpointMapMutex;                       // leaf: map work only
+    std::condition_variable m_EndpointReturned;          // a slot became free or went away
     ImmeditRequestScheduler* m_ImmeditRequestScheduler;  // owned
     PeriodRequestScheduler* m_PeriodRequestScheduler;    // owned
     ReceiveBuffer* m_ReceiveBuffer;                      // owned

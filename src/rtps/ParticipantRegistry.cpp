@@ -1,58 +1,97 @@
-// The endpoint registry: borrowing and giving back, the matched-reader look-up and the
-// liveliness walks over the application endpoints.
-#include "rtps/Participant.h"
+// The endpoint registry: borrowing and giving back, deletion, the matched-reader look-up
+// and the liveliness walks over the application endpoints. The map lock guards map work
+// only; endpoint code, deletion and listeners run after it is released.
+#include <chrono>
 
-#include <thread>
-
-#include "core/Mutex.h"
 #include "discovery/Discovery.h"  // layer-ok: the process thread finds its reader through the matching table, which lives one layer up
 #include "rtps/Endpoint.h"
+#include "rtps/EndpointLoan.h"
+#include "rtps/Participant.h"
 #include "rtps/StatefulReader.h"
 #include "rtps/Writer.h"
 
 bool Participant::isEndpointExist(EntityId_t entityId) {
-    m_EndpointMapMutex->Lock();
-    const bool bExist = m_EndpointMap.count(entityId) != 0;
-    m_EndpointMapMutex->Unlock();
-    return bExist;
+    std::lock_guard<std::mutex> lock(m_EndpointMapMutex);
+    return m_EndpointMap.count(entityId) != 0;
 }
 
 Endpoint* Participant::takeEndpoint(EntityId_t entityId) {
-    if (!isEndpointExist(entityId)) {
-        LogText("[Participant::takeEndpoint] Donot Exist");
-        return nullptr;
-    }
-    // Only one thread holds an endpoint at a time; the others spin until it is given
-    // back. A holder that never gives it back stalls them all.
+    return borrow(entityId, BORROW_WAIT);
+}
+
+Endpoint* Participant::tryTakeEndpoint(const EntityId_t& entityId) {
+    return borrow(entityId, BORROW_NO_WAIT);
+}
+
+Endpoint* Participant::borrow(const EntityId_t& entityId, BorrowMode mode) {
+    const std::thread::id self = std::this_thread::get_id();
+    const auto start = std::chrono::steady_clock::now();
+    bool bWaitLogged = false;
+    std::unique_lock<std::mutex> lock(m_EndpointMapMutex);
     for (;;) {
-        m_EndpointMapMutex->Lock();
         auto it = m_EndpointMap.find(entityId);
         if (it == m_EndpointMap.end()) {
-            // Deleted while we waited: spinning on would never end.
-            m_EndpointMapMutex->Unlock();
-            LogText("[Participant::takeEndpoint] Donot Exist");
+            // Unknown, or deleted while we waited.
+            lock.unlock();
+            if (mode == BORROW_WAIT) LogText("[Participant::takeEndpoint] Donot Exist");
             return nullptr;
         }
-        Endpoint* pEndpoint = it->second;
-        it->second = nullptr;
-        m_EndpointMapMutex->Unlock();
-        if (pEndpoint != nullptr) return pEndpoint;
-        std::this_thread::yield();  // not a sleep: lets the holder reach the lock
+        EndpointSlot& slot = it->second;
+        if (slot.bKeptTaken) {
+            // Left out of the table on purpose: waiting for it would never end.
+            lock.unlock();
+            if (mode == BORROW_WAIT) LogText("[Participant::takeEndpoint] Kept Taken and refused");
+            return nullptr;
+        }
+        if (slot.holder == std::thread::id()) {
+            slot.holder = self;
+            return slot.pEndpoint;
+        }
+        if (mode == BORROW_NO_WAIT) return nullptr;
+        if (slot.holder == self) {
+            // This thread would wait for itself.
+            lock.unlock();
+            LogText("[Participant::takeEndpoint] Borrowed Twice by one thread and refused");
+            return nullptr;
+        }
+        // Only one thread holds an endpoint at a time; the others wait to be woken by its return.
+        m_EndpointReturned.wait_for(lock, std::chrono::milliseconds(100));
+        if (!bWaitLogged &&
+            std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(BORROW_WAIT_LOG_MS)) {
+            bWaitLogged = true;
+            lock.unlock();
+            LogText("[Participant::takeEndpoint] Waited %d ms for a borrowed endpoint", BORROW_WAIT_LOG_MS);
+            lock.lock();
+        }
     }
 }
 
 int Participant::returnEndpoint(Endpoint* pEndpoint) {
     if (pEndpoint == nullptr) return 1;
-    m_EndpointMapMutex->Lock();
-    auto it = m_EndpointMap.find(pEndpoint->getEntityId());
-    if (it != m_EndpointMap.end()) {
-        it->second = pEndpoint;
-        m_EndpointMapMutex->Unlock();
-        return 0;
+    {
+        std::lock_guard<std::mutex> lock(m_EndpointMapMutex);
+        auto it = m_EndpointMap.find(pEndpoint->getEntityId());
+        if (it != m_EndpointMap.end()) {
+            it->second.pEndpoint = pEndpoint;
+            it->second.holder = std::thread::id();
+            it->second.bKeptTaken = false;
+            m_EndpointReturned.notify_all();
+            return 0;
+        }
     }
-    m_EndpointMapMutex->Unlock();
     LogText("[Participant::returnEndpoint] m_EndpointMap.count error");
     return 1;
+}
+
+void Participant::keepEndpointTaken(Endpoint* pEndpoint) {
+    if (pEndpoint == nullptr) return;
+    std::lock_guard<std::mutex> lock(m_EndpointMapMutex);
+    auto it = m_EndpointMap.find(pEndpoint->getEntityId());
+    if (it == m_EndpointMap.end()) return;
+    it->second.holder = std::thread::id();
+    it->second.bKeptTaken = true;
+    // Whoever waits for it must now see the refusal instead of waiting on.
+    m_EndpointReturned.notify_all();
 }
 
 StatefulReader* Participant::lookupMatchedReader(GUID_t remoteWriter) {
@@ -66,7 +105,7 @@ StatefulReader* Participant::lookupMatchedReader(GUID_t remoteWriter) {
         LogText("[Participant::lookupMatchedReader] Donot Exist");
         return nullptr;
     }
-    // takeEndpoint waits for a holder itself and gives null only once the id is gone.
+    // takeEndpoint waits for a holder itself and gives null only when waiting cannot help.
     Endpoint* pEndpoint = takeEndpoint(readerId);
     if (pEndpoint == nullptr) return nullptr;
     StatefulReader* pReader = dynamic_cast<StatefulReader*>(pEndpoint);
@@ -76,6 +115,54 @@ StatefulReader* Participant::lookupMatchedReader(GUID_t remoteWriter) {
         return nullptr;
     }
     return pReader;
+}
+
+// ------------------------------------------------------------------ deletion
+
+bool Participant::eraseWhenReturned(Endpoint* pEndpoint, const char* szOperation) {
+    const EntityId_t entityId = pEndpoint->getEntityId();
+    const std::thread::id self = std::this_thread::get_id();
+    const auto start = std::chrono::steady_clock::now();
+    bool bWaitLogged = false;
+    std::unique_lock<std::mutex> lock(m_EndpointMapMutex);
+    for (;;) {
+        auto it = m_EndpointMap.find(entityId);
+        // An endpoint not in the map is not ours to delete.
+        if (it == m_EndpointMap.end() || it->second.pEndpoint != pEndpoint) return false;
+        const std::thread::id holder = it->second.holder;
+        if (holder == std::thread::id()) {
+            // Free, or left taken on purpose: nobody is using it.
+            m_EndpointMap.erase(it);
+            m_EndpointReturned.notify_all();
+            return true;
+        }
+        if (holder == self) {
+            lock.unlock();
+            LogText("[Participant::%s] Borrowed by the deleting thread and kept", szOperation);
+            return false;
+        }
+        m_EndpointReturned.wait_for(lock, std::chrono::milliseconds(100));
+        if (!bWaitLogged &&
+            std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(BORROW_WAIT_LOG_MS)) {
+            bWaitLogged = true;
+            lock.unlock();
+            LogText("[Participant::%s] Waited %d ms for a borrowed endpoint", szOperation,
+                    BORROW_WAIT_LOG_MS);
+            lock.lock();
+        }
+    }
+}
+
+// Both wait until nobody holds the endpoint. They used to differ in how they waited (a sleep
+// against a spin); a wake on return serves both better.
+int Participant::deleteReader(Endpoint* pEndpoint) {
+    if (pEndpoint != nullptr && eraseWhenReturned(pEndpoint, "deleteReader")) delete pEndpoint;
+    return 0;
+}
+
+int Participant::deleteWriter(Endpoint* pEndpoint) {
+    if (pEndpoint != nullptr && eraseWhenReturned(pEndpoint, "deleteWriter")) delete pEndpoint;
+    return 0;
 }
 
 // ------------------------------------------------------------------ walks
@@ -94,46 +181,50 @@ bool Participant::isBuiltinReaderId(const EntityId_t& entityId) const {
            entityId == ENTITYID_P2P_BUILTIN_PARTICIPANT_MESSAGE_READER;
 }
 
-// The walks hold the map lock throughout and run endpoint code under it. A borrowed
-// endpoint (null value) fails the cast and misses this pass.
-int Participant::checkWriterLiveliness(Time_t now) {
-    m_EndpointMapMutex->Lock();
-    for (auto& entry : m_EndpointMap) {
-        Writer* pWriter = dynamic_cast<Writer*>(entry.second);
-        if (pWriter != nullptr && !isBuiltinWriterId(pWriter->getEntityId())) pWriter->checkLiveliness(now);
+std::vector<EntityId_t> Participant::applicationEndpointIds(bool bWriters) {
+    std::vector<EntityId_t> ids;
+    std::lock_guard<std::mutex> lock(m_EndpointMapMutex);
+    ids.reserve(m_EndpointMap.size());
+    for (const auto& entry : m_EndpointMap) {
+        const bool bBuiltin = bWriters ? isBuiltinWriterId(entry.first) : isBuiltinReaderId(entry.first);
+        if (!bBuiltin) ids.push_back(entry.first);
     }
-    m_EndpointMapMutex->Unlock();
+    return ids;
+}
+
+void Participant::walk(const std::vector<EntityId_t>& ids, const std::function<void(Endpoint*)>& fnStep) {
+    for (const EntityId_t& entityId : ids) {
+        // Whatever another thread holds (or was left taken) misses this pass.
+        EndpointLoan loan = EndpointLoan::TryBorrow(this, entityId);
+        if (loan) fnStep(loan.get());
+    }
+}
+
+int Participant::checkWriterLiveliness(Time_t now) {
+    walk(applicationEndpointIds(true), [now](Endpoint* pEndpoint) {
+        if (Writer* pWriter = dynamic_cast<Writer*>(pEndpoint)) pWriter->checkLiveliness(now);
+    });
     return 0;
 }
 
 int Participant::checkReaderLiveliness(Time_t now) {
-    m_EndpointMapMutex->Lock();
-    for (auto& entry : m_EndpointMap) {
-        StatefulReader* pReader = dynamic_cast<StatefulReader*>(entry.second);
-        if (pReader != nullptr && !isBuiltinReaderId(pReader->getEntityId())) pReader->checkLiveliness(now);
-    }
-    m_EndpointMapMutex->Unlock();
+    walk(applicationEndpointIds(false), [now](Endpoint* pEndpoint) {
+        if (StatefulReader* pReader = dynamic_cast<StatefulReader*>(pEndpoint)) pReader->checkLiveliness(now);
+    });
     return 0;
 }
 
 int Participant::assertWriterLiveliness(uint32_t uiLivelinessKind) {
-    m_EndpointMapMutex->Lock();
-    for (auto& entry : m_EndpointMap) {
-        Writer* pWriter = dynamic_cast<Writer*>(entry.second);
-        if (pWriter != nullptr && !isBuiltinWriterId(pWriter->getEntityId()))
-            pWriter->assertLiveliness(uiLivelinessKind);
-    }
-    m_EndpointMapMutex->Unlock();
+    walk(applicationEndpointIds(true), [uiLivelinessKind](Endpoint* pEndpoint) {
+        if (Writer* pWriter = dynamic_cast<Writer*>(pEndpoint)) pWriter->assertLiveliness(uiLivelinessKind);
+    });
     return 0;
 }
 
 int Participant::assertReaderLiveliness(GUID_t remote, Time_t now, uint32_t uiLivelinessKind) {
-    m_EndpointMapMutex->Lock();
-    for (auto& entry : m_EndpointMap) {
-        StatefulReader* pReader = dynamic_cast<StatefulReader*>(entry.second);
-        if (pReader != nullptr && !isBuiltinReaderId(pReader->getEntityId()))
+    walk(applicationEndpointIds(false), [&remote, now, uiLivelinessKind](Endpoint* pEndpoint) {
+        if (StatefulReader* pReader = dynamic_cast<StatefulReader*>(pEndpoint))
             pReader->assertLiveliness(remote, now, uiLivelinessKind);
-    }
-    m_EndpointMapMutex->Unlock();
+    });
     return 0;
 }

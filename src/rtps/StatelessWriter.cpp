@@ -24,15 +24,14 @@ Time_t DueTime(const Time_t& now, const Duration_t& budget) {
 
 StatelessWriter::StatelessWriter(const GUID_t& guidValue, const DataWriterQos& attributes,
                                  RequestScheduler* const* pSchedulers)
-    : Writer(guidValue, attributes, pSchedulers), m_MatchedLocatorMap() {
+    : Writer(guidValue, attributes, pSchedulers), m_MatchedLocatorMap(), m_uiMatchedCount(0) {
     reliabilityLevel = 1;
 }
 
 StatelessWriter::~StatelessWriter() {}
 
 uint32_t StatelessWriter::getMatchedCount() {
-    // Read without a lock: see the header.
-    return uint32_t(m_MatchedLocatorMap.size());
+    return m_uiMatchedCount.load(std::memory_order_relaxed);
 }
 
 uint32_t StatelessWriter::logKey() const {
@@ -96,6 +95,7 @@ int StatelessWriter::reader_locator_add(Locator_t locator) {
     auto it = m_MatchedLocatorMap.find(locator);
     if (it == m_MatchedLocatorMap.end()) {
         m_MatchedLocatorMap.emplace(locator, ReaderLocator(locator));
+        m_uiMatchedCount.store(uint32_t(m_MatchedLocatorMap.size()), std::memory_order_relaxed);
         return 0;
     }
     // Readers behind one unicast locator share a single count, so the first
@@ -114,9 +114,10 @@ int StatelessWriter::reader_locator_remove(Locator_t locator) {
         DDSLogManagementFactory::WriteDDSLog(int(logKey()), szLog, strlen(szLog), DDSLOG_INFO, GUID_UNKNOWN);
         return 1;
     }
-    if (it->second.m_RefCount == 1)
+    if (it->second.m_RefCount == 1) {
         m_MatchedLocatorMap.erase(it);
-    else
+        m_uiMatchedCount.store(uint32_t(m_MatchedLocatorMap.size()), std::memory_order_relaxed);
+    } else
         --it->second.m_RefCount;
     return 0;
 }

@@ -1,8 +1,10 @@
 // The best-effort writer: a set of destination locators and no per-reader
 // state. DataSend and getMatchedCount run on the application thread without a
-// borrow; the locator map changes only while the writer is borrowed. No lock.
+// borrow; the locator map changes and is read only while the writer is borrowed,
+// and its size is mirrored in an atomic for the application's count.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -38,6 +40,7 @@ public:
 protected:
     // Locator_t's order compares all its octets.
     std::map<Locator_t, ReaderLocator> m_MatchedLocatorMap;
+    std::atomic<uint32_t> m_uiMatchedCount;  // size of the map, read without a borrow
 
 private:
     // Domain and topic of the writer's cache, for requests and log texts.

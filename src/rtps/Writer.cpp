@@ -12,10 +12,9 @@ Writer::Writer(const GUID_t& guidValue, const DataWriterQos& attributes, Request
       pushMode(1),
       heartbeatPeriod(0, 200000000),
       nackResponseDelay(0, 0),
-      lastChangeSequenceNumber(SEQUENCENUMBER_ZERO),
+      lastChangeSequenceNumber(0),
       m_WriterCache(nullptr),
       m_Duration(),
-      m_LastSeq(),
       m_DataWriter(nullptr),
       m_Qos(attributes),
       m_LastLivelinessTime(PublicClockNow()),
@@ -30,6 +29,12 @@ int Writer::getEndpointDuration(Time_t& duration) {
     duration = m_Duration;
     return 0;
 }
+
+namespace {
+SequenceNumber_t FromCount(int64_t llCount) {
+    return SequenceNumber_t(int32_t(llCount >> 32), uint32_t(llCount));
+}
+}  // namespace
 
 RequestScheduler* Writer::getScheduler(int iIndex) const {
     return (iIndex == 0 || iIndex == 1) ? m_Schedulers[iIndex] : nullptr;
@@ -48,8 +53,7 @@ CacheChange* Writer::new_change(const void* pData, uint32_t uiLength, uint16_t k
     pChange->instanceHandle = instanceHandle;
     pChange->writerGUID = guid;
     pChange->dataLength = uiLength;
-    lastChangeSequenceNumber += 1;
-    pChange->sequenceNumber = lastChangeSequenceNumber;
+    pChange->sequenceNumber = FromCount(lastChangeSequenceNumber.fetch_add(1, std::memory_order_relaxed) + 1);
     if (uiLength != 0) {
         pChange->data = CacheChange::AllocData(uiLength);
         if (pChange->data == nullptr) {
@@ -63,7 +67,11 @@ CacheChange* Writer::new_change(const void* pData, uint32_t uiLength, uint16_t k
 }
 
 void Writer::skipSequenceNumber() {
-    lastChangeSequenceNumber += 1;
+    lastChangeSequenceNumber.fetch_add(1, std::memory_order_relaxed);
+}
+
+SequenceNumber_t Writer::getLastChangeSequenceNumber() const {
+    return FromCount(lastChangeSequenceNumber.load(std::memory_order_relaxed));
 }
 
 int Writer::checkLiveliness(Time_t now) {

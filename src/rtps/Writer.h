@@ -1,9 +1,11 @@
 // Abstract protocol writer: sequence numbering, the history cache handed over by
 // the DataWriterImpl, liveliness bookkeeping. new_change and skipSequenceNumber
-// run on the application thread that writes; the liveliness pair takes
-// m_LivelinessMutex, as the timer thread checks while writers assert.
+// may run on several threads at once (applications, and discovery's timers and
+// process thread for the built-in writers): the counter is atomic. The liveliness
+// pair takes m_LivelinessMutex, as the timer thread checks while writers assert.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "BasicTypes.h"
@@ -53,7 +55,7 @@ public:
     HistoryCache* getWriterCache() const { return m_WriterCache; }
     const DataWriterQos& getQos() const { return m_Qos; }
     RequestScheduler* getScheduler(int iIndex) const;
-    SequenceNumber_t getLastChangeSequenceNumber() const { return lastChangeSequenceNumber; }
+    SequenceNumber_t getLastChangeSequenceNumber() const;
     uint8_t getLivelinessActive();
     Time_t getLastLivelinessTime();
 
@@ -64,14 +66,13 @@ protected:
     // Tells the DataWriterImpl that the lease was missed.
     void notifyLivelinessLost();
 
-    uint8_t pushMode;          // read by matched_reader_add to no effect
-    Time_t heartbeatPeriod;    // not used: heartbeats run on the scheduler's period
-    Time_t nackResponseDelay;  // not used: a NACK is answered at once
-    SequenceNumber_t lastChangeSequenceNumber;
-    HistoryCache* m_WriterCache;  // owned by the DataWriterImpl
-    Time_t m_Duration;            // answered by getEndpointDuration
-    SequenceNumber_t m_LastSeq;
-    WriterEventSink* m_DataWriter;  // not owned; the layer above
+    uint8_t pushMode;                               // read by matched_reader_add to no effect
+    Time_t heartbeatPeriod;                         // not used: heartbeats run on the scheduler's period
+    Time_t nackResponseDelay;                       // not used: a NACK is answered at once
+    std::atomic<int64_t> lastChangeSequenceNumber;  // the last number handed out
+    HistoryCache* m_WriterCache;                    // owned by the DataWriterImpl
+    Time_t m_Duration;                              // answered by getEndpointDuration
+    WriterEventSink* m_DataWriter;                  // not owned; the layer above
     RequestScheduler* m_Schedulers[2];
     DataWriterQos m_Qos;
     Time_t m_LastLivelinessTime;

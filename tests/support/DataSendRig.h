@@ -184,26 +184,12 @@ public:
         return dynamic_cast<W*>(pWriter);
     }
 
-    // True when the writer can be borrowed (and is given back at once): nobody
-    // kept it. Bounded: a writer left borrowed would make takeEndpoint spin.
+    // True when the writer can be borrowed at once (and is given back): nobody holds it
+    // or left it taken.
     bool WriterIsFree(const EntityId_t& writerId) {
-        auto pDone = std::make_shared<std::atomic<bool>>(false);
-        Participant* pParticipant = m_pParticipant.get();
-        std::thread probe([pParticipant, writerId, pDone] {
-            Endpoint* pEndpoint = pParticipant->takeEndpoint(writerId);
-            if (pEndpoint != nullptr) pParticipant->returnEndpoint(pEndpoint);
-            pDone->store(true);
-        });
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-        while (!pDone->load() && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        if (pDone->load()) {
-            probe.join();
-            return true;
-        }
-        probe.detach();  // stuck for good: the test fails, the process ends it
-        Abandon();
-        return false;
+        Endpoint* pEndpoint = m_pParticipant->tryTakeEndpoint(writerId);
+        if (pEndpoint != nullptr) m_pParticipant->returnEndpoint(pEndpoint);
+        return pEndpoint != nullptr;
     }
 
     // For a test that leaves a thread blocked on the participant: never delete it.

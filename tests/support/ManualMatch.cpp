@@ -16,6 +16,7 @@
 #include "dcps/PublisherImpl.h"
 #include "dcps/SubscriberImpl.h"
 #include "discovery/Discovery.h"
+#include "rtps/EndpointLoan.h"
 #include "rtps/Participant.h"
 #include "rtps/StatefulReader.h"
 #include "rtps/StatelessWriter.h"
@@ -176,12 +177,9 @@ int ManualMatch::ConnectWriter(DataWriter* pWriter, const ManualMatchPeer& remot
     Participant* pRtps = RtpsParticipantOf(pImpl->getPublisherImpl()->getParticipant());
     if (pRtps == nullptr) return 1;
     // The locator map changes only while the writer is borrowed; sends read a copy.
-    Endpoint* pEndpoint = pRtps->takeEndpoint(pImpl->getRtpsWriter()->getEntityId());
-    StatelessWriter* pStateless = dynamic_cast<StatelessWriter*>(pEndpoint);
-    const int iResult =
-        pStateless != nullptr ? pStateless->reader_locator_add(remote.userUnicastLocator()) : 1;
-    if (pEndpoint != nullptr) pRtps->returnEndpoint(pEndpoint);
-    return iResult;
+    EndpointLoan writer(pRtps, pImpl->getRtpsWriter()->getEntityId());
+    StatelessWriter* pStateless = writer.as<StatelessWriter>();
+    return pStateless != nullptr ? pStateless->reader_locator_add(remote.userUnicastLocator()) : 1;
 }
 
 int ManualMatch::ConnectReader(DataReader* pReader, const ManualMatchPeer& remote) {
@@ -199,11 +197,10 @@ int ManualMatch::ConnectReader(DataReader* pReader, const ManualMatchPeer& remot
 
     const EntityId_t readerId = pImpl->getReader()->getEntityId();
     // The process thread may be inside the reader: borrow it for the change.
-    Endpoint* pEndpoint = pRtps->takeEndpoint(readerId);
-    StatefulReader* pStateful = dynamic_cast<StatefulReader*>(pEndpoint);
-    int iResult = 1;
-    if (pStateful != nullptr) iResult = pStateful->matched_writer_add(pProxy);
-    if (pEndpoint != nullptr) pRtps->returnEndpoint(pEndpoint);
+    EndpointLoan reader(pRtps, readerId);
+    StatefulReader* pStateful = reader.as<StatefulReader>();
+    const int iResult = pStateful != nullptr ? pStateful->matched_writer_add(pProxy) : 1;
+    reader.Return();
     if (iResult != 0) {
         delete pProxy;
         return 1;

@@ -224,19 +224,11 @@ protected:
     }
     MessageProcessor& Processor() { return *m_Participant.getMessageProcessor(); }
 
-    // True when the endpoint is in the registry. A take that spins on a borrowed
-    // endpoint is ended by giving the endpoint back, so this never hangs.
+    // True when the endpoint can be borrowed at once: nobody holds it or left it taken.
     bool IsAvailable(Endpoint* pEndpoint) {
-        std::atomic<Endpoint*> taken{nullptr};
-        std::thread taker([&] { taken = m_Participant.takeEndpoint(pEndpoint->getEntityId()); });
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
-        while (taken == nullptr && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        const bool bAvailable = taken != nullptr;
-        if (!bAvailable) m_Participant.returnEndpoint(pEndpoint);
-        taker.join();
-        m_Participant.returnEndpoint(pEndpoint);
-        return bAvailable;
+        Endpoint* pTaken = m_Participant.tryTakeEndpoint(pEndpoint->getEntityId());
+        if (pTaken != nullptr) m_Participant.returnEndpoint(pTaken);
+        return pTaken != nullptr;
     }
 
     int CountLog(const std::string& text) { return m_Log.Count(text); }

@@ -235,8 +235,8 @@ TEST(Participant_address, ParsesAsInetAddrAndTestsMulticastByTheFirstOctet) {
 
 // ------------------------------------------------------------------ borrowing
 
-// Runs fnAction on a thread: it must wait while pEndpoint is borrowed and end once
-// it is returned. False (participant abandoned) if it never ends.
+// Runs fnAction on a thread that must wait while pEndpoint is lent out and end once the
+// lender gives it back. False (participant abandoned) if it never ends.
 bool WaitsUntilReturned(DataSendRig& rig, Endpoint* pEndpoint, std::function<void()> fnAction) {
     auto pDone = std::make_shared<std::atomic<bool>>(false);
     std::thread worker([pDone, fnAction] {
@@ -255,24 +255,77 @@ bool WaitsUntilReturned(DataSendRig& rig, Endpoint* pEndpoint, std::function<voi
     return true;
 }
 
-TEST(Participant_borrow, TakersAndDeletesWaitForTheBorrower) {
+TEST(Participant_borrow, OtherThreadsWaitForTheBorrowerAndDeletesToo) {
     DataSendRig rig(1);
     Participant& p = rig.participant();
     Writer* pWriter = p.createWriter(WriterQos(RELIABLE_RELIABILITY_QOS), ENTITYID_UNKNOWN);
-    const EntityId_t id = pWriter->getEntityId();
-    ASSERT_EQ(p.takeEndpoint(id), pWriter);
-    auto pTaken = std::make_shared<std::atomic<Endpoint*>>(nullptr);
-    ASSERT_TRUE(WaitsUntilReturned(rig, pWriter, [&p, id, pTaken] { *pTaken = p.takeEndpoint(id); }));
-    EXPECT_EQ(pTaken->load(), pWriter);
-    // Still borrowed by that second taker: the delete waits in turn.
-    ASSERT_TRUE(WaitsUntilReturned(rig, pWriter, [&p, pWriter] { p.deleteWriter(pWriter); }));
-    EXPECT_FALSE(p.isEndpointExist(id));
-
     StatefulReader* pReader = p.createReader(DataReaderQos(), ENTITYID_UNKNOWN);
-    const EntityId_t readerId = pReader->getEntityId();
-    ASSERT_EQ(p.takeEndpoint(readerId), pReader);
-    ASSERT_TRUE(WaitsUntilReturned(rig, pReader, [&p, pReader] { p.deleteReader(pReader); }));
-    EXPECT_FALSE(p.isEndpointExist(readerId));
+    for (Endpoint* pEndpoint : {static_cast<Endpoint*>(pWriter), static_cast<Endpoint*>(pReader)}) {
+        const EntityId_t id = pEndpoint->getEntityId();
+        ASSERT_EQ(p.takeEndpoint(id), pEndpoint);
+        EXPECT_EQ(p.tryTakeEndpoint(id), nullptr);  // a walk passes it over
+        auto pTaken = std::make_shared<std::atomic<Endpoint*>>(nullptr);
+        ASSERT_TRUE(WaitsUntilReturned(rig, pEndpoint, [&p, id, pTaken] {
+            *pTaken = p.takeEndpoint(id);
+            if (*pTaken != nullptr) p.returnEndpoint(*pTaken);
+        }));
+        EXPECT_EQ(pTaken->load(), pEndpoint);
+        ASSERT_EQ(p.takeEndpoint(id), pEndpoint);
+        ASSERT_TRUE(WaitsUntilReturned(rig, pEndpoint, [&p, pEndpoint, pWriter] {
+            if (pEndpoint == pWriter)
+                p.deleteWriter(pEndpoint);
+            else
+                p.deleteReader(pEndpoint);
+        }));
+        EXPECT_FALSE(p.isEndpointExist(id));
+    }
+}
+
+// The borrows that waiting could never satisfy are refused at once, each with its line.
+TEST(Participant_borrow, BorrowsThatWouldWaitForEverAreRefusedAndLogged) {
+    LogRecorder log;
+    DataSendRig rig(1);
+    Participant& p = rig.participant();
+    Writer* pWriter = p.createWriter(WriterQos(BEST_EFFORT_RELIABILITY_QOS), ENTITYID_UNKNOWN);
+    const EntityId_t id = pWriter->getEntityId();
+
+    ASSERT_EQ(p.takeEndpoint(id), pWriter);
+    EXPECT_EQ(p.takeEndpoint(id), nullptr);  // the same thread again
+    EXPECT_EQ(log.Count("[Participant::takeEndpoint] Borrowed Twice by one thread and refused"), 1);
+
+    p.keepEndpointTaken(pWriter);
+    for (int i = 0; i < 2; ++i) {
+        std::atomic<Endpoint*> taken{pWriter};
+        std::thread other([&] { taken = p.takeEndpoint(id); });
+        other.join();
+        EXPECT_EQ(taken.load(), nullptr);
+    }
+    EXPECT_EQ(log.Count("[Participant::takeEndpoint] Kept Taken and refused"), 2);
+    EXPECT_TRUE(p.isEndpointExist(id));
+    EXPECT_FALSE(rig.WriterIsFree(id));
+
+    // Giving it back ends the keep; a kept endpoint is deleted without waiting.
+    EXPECT_EQ(p.returnEndpoint(pWriter), 0);
+    EXPECT_TRUE(rig.WriterIsFree(id));
+    ASSERT_EQ(p.takeEndpoint(id), pWriter);
+    p.keepEndpointTaken(pWriter);
+    p.deleteWriter(pWriter);
+    EXPECT_FALSE(p.isEndpointExist(id));
+}
+
+TEST(Participant_borrow, ALongWaitIsLoggedOnce) {
+    LogRecorder log;
+    DataSendRig rig(1);
+    Participant& p = rig.participant();
+    Writer* pWriter = p.createWriter(WriterQos(BEST_EFFORT_RELIABILITY_QOS), ENTITYID_UNKNOWN);
+    ASSERT_EQ(p.takeEndpoint(pWriter->getEntityId()), pWriter);
+    std::thread waiter([&] { p.returnEndpoint(p.takeEndpoint(pWriter->getEntityId())); });
+    EXPECT_TRUE(WaitFor(
+        [&] { return log.Count("[Participant::takeEndpoint] Waited 1000 ms for a borrowed endpoint") == 1; },
+        5000));
+    p.returnEndpoint(pWriter);
+    waiter.join();
+    EXPECT_EQ(log.Count("[Participant::takeEndpoint] Waited 1000 ms for a borrowed endpoint"), 1);
 }
 
 TEST(Participant_borrow, UnknownIdsAreRefusedWithTheirLogs) {
