@@ -13,6 +13,7 @@
 
 #include "DDSLogManagementFactory.h"
 #include "DataSendRig.h"
+#include "DatagramBuilder.h"
 #include "QosPolicy.h"
 #include "discovery/Discovery.h"
 #include "messages/ReceiveBuffer.h"
@@ -22,8 +23,6 @@
 
 namespace {
 
-typedef std::vector<octet> Octets;
-
 const GuidPrefix kLocal = {{0x0A, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00}};
 const GuidPrefix kRemote = {{0x0A, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x00, 0x05, 0x00, 0x00, 0x00}};
 const GuidPrefix kStranger = {{0x0A, 0x00, 0x00, 0x03, 0x00, 0x00, 0x00, 0x00, 0x07, 0x00, 0x00, 0x00}};
@@ -31,95 +30,6 @@ const EntityId_t kRemoteWriter = {{0x00, 0x04, 0x01}, 0x03};
 const EntityId_t kUserReader = {{0x00, 0x09, 0x01}, 0x04};
 const EntityId_t kLocalWriter = {{0x00, 0x04, 0x07}, 0x03};
 const EntityId_t kBestEffortWriter = {{0x00, 0x04, 0x08}, 0x03};
-
-// ------------------------------------------------------------ datagram building
-// Fields in the byte order of the E flag; parameter ids and lengths always
-// little-endian, as the decoder never swaps them.
-struct Body {
-    explicit Body(bool bLittle = true) : little(bLittle) {}
-    Body& U8(unsigned v) {
-        bytes.push_back(octet(v));
-        return *this;
-    }
-    Body& U16(unsigned v) { return little ? U8(v & 0xFF).U8(v >> 8 & 0xFF) : U8(v >> 8 & 0xFF).U8(v & 0xFF); }
-    Body& U32(uint32_t v) { return little ? U16(v & 0xFFFF).U16(v >> 16) : U16(v >> 16).U16(v & 0xFFFF); }
-    Body& Id(const EntityId_t& id) {
-        return U8(id.entityKey[0]).U8(id.entityKey[1]).U8(id.entityKey[2]).U8(id.entityKind);
-    }
-    Body& Seq(uint32_t low, uint32_t high = 0) { return U32(high).U32(low); }
-    Body& Raw(const Octets& v) {
-        bytes.insert(bytes.end(), v.begin(), v.end());
-        return *this;
-    }
-    Body& Param(uint16_t id, const Octets& value) {
-        return U8(id & 0xFF).U8(id >> 8).U8(value.size() & 0xFF).U8(value.size() >> 8).Raw(value);
-    }
-    bool little;
-    Octets bytes;
-};
-
-struct Datagram {
-    explicit Datagram(const GuidPrefix& prefix = kRemote) {
-        bytes = {'R', 'T', 'P', 'S', 2, 2, 8, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-        std::memcpy(&bytes[8], prefix.value, 12);
-    }
-    // octetsToNextHeader is the body's size unless given.
-    Datagram& Sub(octet kind, octet flags, const Body& body, int iLength = -1) {
-        Body head((flags & 1) != 0);
-        head.U8(kind).U8(flags).U16(iLength < 0 ? unsigned(body.bytes.size()) : unsigned(iLength));
-        bytes.insert(bytes.end(), head.bytes.begin(), head.bytes.end());
-        bytes.insert(bytes.end(), body.bytes.begin(), body.bytes.end());
-        return *this;
-    }
-    Datagram& Data(const EntityId_t& writer, uint32_t sn, const Octets& payload, const Body& qos = Body(),
-                   bool bLittle = true) {
-        Body b(bLittle);
-        b.U16(0)
-            .U16(qos.bytes.empty() ? 0 : 16)
-            .Id(ENTITYID_UNKNOWN)
-            .Id(writer)
-            .Seq(sn)
-            .Raw(qos.bytes)
-            .Raw(payload);
-        return Sub(DATA, octet((bLittle ? 1 : 0) | (qos.bytes.empty() ? 0 : 2) | (payload.empty() ? 0 : 4)),
-                   b);
-    }
-    Datagram& DataFrag(const EntityId_t& writer, uint32_t sn, uint32_t fragNum, uint32_t sampleSize,
-                       const Octets& fragment) {
-        Body b;
-        b.U16(0).U16(0).Id(ENTITYID_UNKNOWN).Id(writer).Seq(sn);
-        return Sub(DATA_FRAG, 1, b.U32(fragNum).U16(1).U16(FRAGMENT_SIZE).U32(sampleSize).Raw(fragment));
-    }
-    Datagram& Heartbeat(const EntityId_t& writer, uint32_t first, uint32_t last, uint32_t count,
-                        bool bLittle = true) {
-        Body b(bLittle);
-        return Sub(HEARTBEAT, bLittle ? 1 : 0,
-                   b.Id(ENTITYID_UNKNOWN).Id(writer).Seq(first).Seq(last).U32(count));
-    }
-    // Bitmap of numBits rounded up to words, then the count, as the encoder lays it out.
-    Datagram& AckNack(const EntityId_t& writer, uint32_t base, uint32_t numBits, uint32_t count) {
-        Body b;
-        b.Id(kUserReader).Id(writer).Seq(base).U32(numBits);
-        for (uint32_t i = 0; i < (numBits + 31) / 32; ++i) b.U32(0xA0000000u + i);
-        return Sub(ACKNACK, 1, b.U32(count));
-    }
-    Datagram& NackFrag(const EntityId_t& writer, uint32_t sn, uint32_t base, uint32_t numBits) {
-        Body b;
-        b.Id(kUserReader).Id(writer).Seq(sn).U32(base).U32(numBits);
-        for (uint32_t i = 0; i < (numBits + 31) / 32; ++i) b.U32(0x80000000u);
-        return Sub(NACK_FRAG, 3, b.U32(base));
-    }
-    Datagram& Gap(const EntityId_t& writer, uint32_t start) {
-        return Sub(GAP, 1, Body().Id(ENTITYID_UNKNOWN).Id(writer).Seq(start).Seq(start + 1).U32(0));
-    }
-    Octets bytes;
-};
-
-// Unknown submessages (PAD) of 0xFF octets up to the given datagram size.
-void FillTo(Datagram& d, size_t uiSize) {
-    while (uiSize - d.bytes.size() > 4 + 60000) d.Sub(0x01, 1, Body().Raw(Octets(60000, 0xFF)));
-    d.Sub(0x01, 1, Body().Raw(Octets(uiSize - d.bytes.size() - 4, 0xFF)));
-}
 
 // ------------------------------------------------------------ recording endpoints
 struct DataCall {
@@ -271,7 +181,7 @@ TEST_F(MessageProcessor_Decode, DataOfABuiltinWriterGoesToItsBuiltinReaderWhatev
 
 TEST_F(MessageProcessor_Decode, DataOfAnyOtherWriterGoesToTheReaderDiscoveryMatched) {
     // An unknown writer first: the walk goes on to the matched one behind it.
-    Run(Datagram().Data({{0, 0x44, 0x44}, 0x03}, 1, {1}).Data(kRemoteWriter, 9, {7, 7}));
+    Run(Datagram(kRemote).Data({{0, 0x44, 0x44}, 0x03}, 1, {1}).Data(kRemoteWriter, 9, {7, 7}));
     // Same writer id, other participant: a different writer, matched to nobody.
     Run(Datagram(kStranger).Data(kRemoteWriter, 10, {7}));
     EXPECT_EQ(SnsOf(m_pUser->data), Sns{9});
@@ -281,7 +191,8 @@ TEST_F(MessageProcessor_Decode, DataOfAnyOtherWriterGoesToTheReaderDiscoveryMatc
 }
 
 TEST_F(MessageProcessor_Decode, DataFragAlwaysGoesThroughMatchingEvenFromABuiltinWriter) {
-    const Datagram d = Datagram().DataFrag(ENTITYID_SPDP_BUILTIN_PARTICIPANT_WRITER, 4, 2, 70000, {5, 6, 7});
+    const Datagram d =
+        Datagram(kRemote).DataFrag(ENTITYID_SPDP_BUILTIN_PARTICIPANT_WRITER, 4, 2, 70000, {5, 6, 7});
     Run(d);
     EXPECT_TRUE(m_pSpdp->frags.empty());
     EXPECT_EQ(CountLog("[MessageProcessor::InterpretDataFragMessage] Seq = 4 FragmentStartingNum = 2 "
@@ -299,7 +210,7 @@ TEST_F(MessageProcessor_Decode, DataFragAlwaysGoesThroughMatchingEvenFromABuilti
 }
 
 TEST_F(MessageProcessor_Decode, HeartbeatGoesToTheSedpReadersOrThroughMatching) {
-    Run(Datagram()
+    Run(Datagram(kRemote)
             .Sub(INFO_DST, 1,
                  Body().Raw(Octets(kStranger.value, kStranger.value + 12)))  // for another: stops nothing
             .Heartbeat(ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER, 1, 3, 11)
@@ -317,7 +228,7 @@ TEST_F(MessageProcessor_Decode, HeartbeatGoesToTheSedpReadersOrThroughMatching) 
 }
 
 TEST_F(MessageProcessor_Decode, AckNackAndNackFragGoToTheReliableWriterByWriterId) {
-    Run(Datagram().AckNack(kLocalWriter, 7, 3, 7).NackFrag(kLocalWriter, 9, 4, 1));
+    Run(Datagram(kRemote).AckNack(kLocalWriter, 7, 3, 7).NackFrag(kLocalWriter, 9, 4, 1));
     ASSERT_EQ(m_pWriter->acks.size(), 1u);
     const ackMessage& ack = m_pWriter->acks[0];
     EXPECT_TRUE(ack.readerId == kUserReader);
@@ -333,40 +244,51 @@ TEST_F(MessageProcessor_Decode, AckNackAndNackFragGoToTheReliableWriterByWriterI
 // Behaviour this system has always shown on the wire: some look-ups borrow the
 // endpoint and never give it back.
 TEST_F(MessageProcessor_Decode, GapAndNackFragForABestEffortWriterKeepTheEndpointBorrowed) {
-    Run(Datagram().AckNack({{0, 0x55, 0x55}, 0x03}, 1, 0, 1));
+    Run(Datagram(kRemote).AckNack({{0, 0x55, 0x55}, 0x03}, 1, 0, 1));
     EXPECT_EQ(CountLog("[Participant::takeEndpoint] Donot Exist"), 1);
     EXPECT_EQ(CountLog("[MessageProcessor::InterpretAckNackMessage] pStatefulWriter = NULL"), 1);
 
-    Run(Datagram().NackFrag(kBestEffortWriter, 1, 1, 1));
+    Run(Datagram(kRemote).NackFrag(kBestEffortWriter, 1, 1, 1));
     EXPECT_EQ(CountLog("[MessageProcessor::InterpretNackFragMessage] pStatefulWriter = NULL"), 1);
     EXPECT_FALSE(IsAvailable(m_pBestEffort));  // IsAvailable gives it back
 
-    Run(Datagram()
+    Run(Datagram(kRemote)
             .Gap(ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER, 5)
             .Data(ENTITYID_SPDP_BUILTIN_PARTICIPANT_WRITER, 1, {1}));
     EXPECT_FALSE(IsAvailable(m_pPub));
     EXPECT_EQ(m_pSpdp->data.size(), 1u);  // the walk went on behind the GAP
-    Run(Datagram().Gap(kRemoteWriter, 5));
+    Run(Datagram(kRemote).Gap(kRemoteWriter, 5));
     EXPECT_FALSE(IsAvailable(m_pUser));
     EXPECT_EQ(m_pPub->gaps + m_pUser->gaps, 0);  // and never told
+
+    // What follows for a kept endpoint is refused at once, and the walk goes on.
+    const size_t uiSpdp = m_pSpdp->data.size();
+    Run(Datagram(kRemote)
+            .Data(kRemoteWriter, 6, {1})
+            .NackFrag(kBestEffortWriter, 1, 1, 1)
+            .Data(ENTITYID_SPDP_BUILTIN_PARTICIPANT_WRITER, 2, {2}));
+    EXPECT_EQ(CountLog("[Participant::takeEndpoint] Kept Taken and refused"), 2);
+    EXPECT_EQ(CountLog("[MessageProcessor::InterpretDataMessage] pReader = NULL"), 1);
+    EXPECT_TRUE(m_pUser->data.empty());
+    EXPECT_EQ(m_pSpdp->data.size(), uiSpdp + 1);
 }
 
 // ------------------------------------------------------------ the walk
 
 TEST_F(MessageProcessor_Decode, UnknownKindsAreSkippedByTheirLengthAndZeroEndsTheWalk) {
-    Datagram d;
+    Datagram d(kRemote);
     d.Sub(0x01, 1, Body().U32(0xFFFFFFFF).U32(0x15011500))  // PAD holding bytes that look like DATA
         .Sub(0x0C, 1, Body().Raw(Octets(20, 0x16)))         // INFO_SRC
         .Sub(0x80, 0, Body().Raw(Octets(3, 0x07)))          // vendor kind, other byte order, odd length
         .Data(kRemoteWriter, 1, {1});
     EXPECT_EQ(Run(d), MessageProcessor::INTERPRET_NO_HANDLER);
-    EXPECT_EQ(Run(Datagram().Sub(0x01, 1, Body()).Data(kRemoteWriter, 2, {1})),
+    EXPECT_EQ(Run(Datagram(kRemote).Sub(0x01, 1, Body()).Data(kRemoteWriter, 2, {1})),
               MessageProcessor::INTERPRET_NO_HANDLER);
     EXPECT_EQ(SnsOf(m_pUser->data), Sns{1});
 }
 
 TEST_F(MessageProcessor_Decode, OtherByteOrderSwapsTheFieldsButDataLengthIsReadUnswapped) {
-    Run(Datagram()
+    Run(Datagram(kRemote)
             .Heartbeat(kRemoteWriter, 0x01020304, 0x01020305, 0x0A0B0C0D, false)
             .Data(kRemoteWriter, 0x0102, {9, 9, 9, 9}, Body(), false)
             .Data(kRemoteWriter, 3, {3}));
@@ -385,7 +307,7 @@ TEST_F(MessageProcessor_Decode, InlineQosIsReadUpToTheSentinelAndTakenOffThePayl
     Body qos, first;
     qos.Param(112, Octets(16, 0x11)).Param(113, {0, 0, 0, 3}).Param(1, {});
     first.Param(1, {}).Param(5, {1, 2, 3, 4}).Param(1, {});  // a leading sentinel is an item
-    Run(Datagram().Data(kRemoteWriter, 1, {0xAB, 0xCD}, qos).Data(kRemoteWriter, 2, {0xEE}, first));
+    Run(Datagram(kRemote).Data(kRemoteWriter, 1, {0xAB, 0xCD}, qos).Data(kRemoteWriter, 2, {0xEE}, first));
     ASSERT_EQ(m_pUser->data.size(), 2u);
     const DataCall& call = m_pUser->data[0];
     ASSERT_EQ(call.qos.size(), 2u);
@@ -399,11 +321,11 @@ TEST_F(MessageProcessor_Decode, InlineQosIsReadUpToTheSentinelAndTakenOffThePayl
 }
 
 TEST_F(MessageProcessor_Decode, InfoTsSetsTheTimestampForTheRestOfTheDatagramOnly) {
-    Run(Datagram()
+    Run(Datagram(kRemote)
             .Data(kRemoteWriter, 1, {1})
             .Sub(INFO_TS, 1, Body().U32(100).U32(0x80000000u))
             .Data(kRemoteWriter, 2, {2}));
-    Run(Datagram().Data(kRemoteWriter, 3, {3}));
+    Run(Datagram(kRemote).Data(kRemoteWriter, 3, {3}));
     ASSERT_EQ(m_pUser->data.size(), 3u);
     EXPECT_EQ(m_pUser->data[0].timestamp, Time_t(0, 0));
     EXPECT_EQ(m_pUser->data[1].timestamp, Time_t(100, 0x80000000u));
@@ -413,7 +335,7 @@ TEST_F(MessageProcessor_Decode, InfoTsSetsTheTimestampForTheRestOfTheDatagramOnl
 // ------------------------------------------------------------ bounds
 
 TEST_F(MessageProcessor_Decode, AShortDatagramIsReadOnIntoTheZerosBehindIt) {
-    Datagram d;
+    Datagram d(kRemote);
     d.Data(kRemoteWriter, 1, {1, 2});
     d.bytes[22] = 40;  // claims 20 more octets than it carries
     EXPECT_EQ(Run(d), MessageProcessor::INTERPRET_NO_HANDLER);
@@ -425,7 +347,7 @@ TEST_F(MessageProcessor_Decode, AShortDatagramIsReadOnIntoTheZerosBehindIt) {
 }
 
 TEST_F(MessageProcessor_Decode, ASubmessagePastTheBufferStopsTheWalkWithoutItsHandler) {
-    Datagram d;
+    Datagram d(kRemote);
     d.Data(kRemoteWriter, 1, {1});
     FillTo(d, MessageProcessor::MESSAGE_BUFFER_SIZE - 8);
     d.Sub(0x01, 1, Body().U32(0), 8);  // its last 4 octets end the buffer; it claims 4 more
@@ -434,7 +356,7 @@ TEST_F(MessageProcessor_Decode, ASubmessagePastTheBufferStopsTheWalkWithoutItsHa
 }
 
 TEST_F(MessageProcessor_Decode, ALongDatagramIsCutAtTheBufferAndFixedRecordsReadZerosBeyond) {
-    Datagram d;
+    Datagram d(kRemote);
     FillTo(d, MessageProcessor::MESSAGE_BUFFER_SIZE - 32);
     d.AckNack(kLocalWriter, 5, 32, 0x12345678);  // 32 octets: ends with the buffer
     d.bytes.resize(d.bytes.size() + 100, 0xEE);  // never seen
@@ -451,11 +373,11 @@ TEST_F(MessageProcessor_Decode, MalformedDataIsDroppedAndEndsTheWalk) {
     Body noSentinel;
     noSentinel.Param(112, Octets(8, 1));
     const Datagram cases[] = {
-        Datagram().Data(kRemoteWriter, 1, {1}, noSentinel).Data(kRemoteWriter, 2, {2}),
-        Datagram()
+        Datagram(kRemote).Data(kRemoteWriter, 1, {1}, noSentinel).Data(kRemoteWriter, 2, {2}),
+        Datagram(kRemote)
             .Sub(DATA, 5, Body().Raw(Octets(16, 0)), 16)
             .Data(kRemoteWriter, 2, {2}),  // shorter than its front
-        Datagram()                         // no room for the fragment fields
+        Datagram(kRemote)                  // no room for the fragment fields
             .Sub(DATA_FRAG, 1, Body().U16(0).U16(0).Id(ENTITYID_UNKNOWN).Id(kRemoteWriter).Seq(1).U32(1))
             .Data(kRemoteWriter, 2, {2}),
     };
@@ -471,7 +393,7 @@ TEST_F(MessageProcessor_Decode, AParameterLongerThanTheRecordKeepsItsFirstOctets
     for (size_t i = 0; i < big.size(); ++i) big[i] = octet(i);
     Body qos;
     qos.Param(44, big).Param(1, {});
-    Run(Datagram().Data(kRemoteWriter, 1, {0x5A}, qos));
+    Run(Datagram(kRemote).Data(kRemoteWriter, 1, {0x5A}, qos));
     ASSERT_EQ(m_pUser->data.size(), 1u);
     ASSERT_EQ(m_pUser->data[0].qos.size(), 1u);
     EXPECT_EQ(m_pUser->data[0].qos[0].length, PARAMETER_VALUE_MAX);
@@ -482,7 +404,7 @@ TEST_F(MessageProcessor_Decode, AParameterLongerThanTheRecordKeepsItsFirstOctets
 // ------------------------------------------------------------ the ring and the thread
 
 TEST_F(MessageProcessor_Decode, TheProcessThreadDecodesFromTheRingAndStopsWithItsLines) {
-    Datagram d;
+    Datagram d(kRemote);
     d.Data(kRemoteWriter, 1, {1});
     ASSERT_EQ(m_Participant.getReceiveBuffer()->Write(d.bytes.data(), uint32_t(d.bytes.size())), 0);
     ::testing::internal::CaptureStdout();
@@ -514,10 +436,10 @@ namespace {
 // Two DATA in one datagram, the first as long as the short datagram's only one:
 // a short datagram read over the long one's bytes would walk on into sn 99.
 Datagram LongPair() {
-    return Datagram().Data(kRemoteWriter, 1, {1}).Data(kRemoteWriter, 99, {9});
+    return Datagram(kRemote).Data(kRemoteWriter, 1, {1}).Data(kRemoteWriter, 99, {9});
 }
 Datagram Short() {
-    return Datagram().Data(kRemoteWriter, 2, {2});
+    return Datagram(kRemote).Data(kRemoteWriter, 2, {2});
 }
 
 bool ZeroFrom(const std::vector<octet>& buffer, size_t uiFrom) {
