@@ -61,7 +61,7 @@ private:
     SubscriberQos m_Qos;                              // deep copy
     SubscriberListener* m_pListener;                  // stored, never called
     std::list<DataReaderImpl*> m_DataReaderImplList;  // owned readers
-    unsigned long m_Mask;                             // of creation; not read
+    [[maybe_unused]] unsigned long m_Mask;            // of creation; not read
     // Readers whose protocol reader could not be made: their topic still names
     // them, but no list that anyone searches holds them. Destroyed with this subscriber.
     std::list<DataReaderImpl*> m_HalfBuiltReaderList;

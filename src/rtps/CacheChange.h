@@ -5,9 +5,10 @@
 
 #include <cstdint>
 #include <list>
-#include <set>
+#include <vector>
 
 #include "BasicTypes.h"
+#include "rtps/FragmentRanges.h"
 
 // Change kind of every change this system makes.
 const uint16_t CHANGE_KIND_ALIVE = 1;
@@ -17,8 +18,8 @@ public:
     // Zeroes the length, the payload pointer and the fragment counters; the
     // change starts relevant and with an infinite lifespan.
     CacheChange();
-    // Frees nothing, not even `data`: whoever deletes a change frees the
-    // payload first (FreeData), or decides to leave it.
+    // Frees the stored fragments but not `data`: whoever deletes a change
+    // frees the payload first (FreeData), or decides to leave it.
     virtual ~CacheChange();
 
     CacheChange(const CacheChange&) = delete;
@@ -31,6 +32,21 @@ public:
     static octet* AllocData(uint32_t uiLength);
     static void FreeData(octet* pData);
 
+    // Reassembly store (a change made by the first fragment of a sample):
+    // fragments are kept as they come, so memory follows the bytes received,
+    // not the announced size. Copies pData at uiOffset, cut to dataLength;
+    // uiOffset must lie below dataLength. Once the copies would outweigh the
+    // sample, it is assembled and later fragments go straight into `data`.
+    // False when memory is short (nothing changed).
+    bool StoreFragment(uint32_t uiOffset, const octet* pData, uint32_t uiLength);
+    // Makes `data` one zeroed block of dataLength holding the stored
+    // fragments, copied in order of arrival, and frees them. True when `data`
+    // is set (already or now); false when memory is short (nothing changed).
+    bool Assemble();
+    // Memory this change holds: record, payload, inline QoS, stored
+    // fragments and a charge per range of missing fragments.
+    uint64_t HeldBytes() const;
+
     uint16_t kind;
     GUID_t writerGUID;
     GUID_t targetReaderGUID;  // GUID_UNKNOWN: every matched reader
@@ -42,7 +58,19 @@ public:
     std::list<Parameter> inlineQos;
     uint32_t highestFragment;
     uint32_t fragmentCount;
-    std::set<uint16_t> missingFragments;
+    FragmentRanges missingFragments;
+    uint8_t reassembling;  // 1 from the first fragment until the sample is complete or handed over
     uint8_t relevant;
     Time_t lifespan;  // a duration: seconds and nanoseconds
+
+private:
+    struct StoredFragment {
+        uint32_t offset;
+        uint32_t length;
+        octet* bytes;  // from AllocData
+    };
+    void FreeFragments();
+
+    std::vector<StoredFragment> m_Fragments;  // in order of arrival, while `data` is null
+    uint64_t m_StoredBytes;                   // their lengths summed
 };

@@ -16,7 +16,8 @@ StatefulReader::StatefulReader(const GUID_t& guidValue, const DataReaderQos& att
                                RequestScheduler* const* pSchedulers)
     : Reader(guidValue, attributes, pSchedulers),
       m_CacheKeyCounter(SEQUENCENUMBER_ZERO),
-      m_PeriodicAckNack(nullptr) {}
+      m_PeriodicAckNack(nullptr),
+      m_HeldBytesMax(READER_HELD_BYTES_MAX) {}
 
 StatefulReader::~StatefulReader() {
     for (auto& entry : m_MatchedWriter) delete entry.second;
@@ -37,6 +38,20 @@ int StatefulReader::LogKey() const {
 
 void StatefulReader::WriteLog(char* szLog, int iCode) const {
     DDSLogManagementFactory::WriteDDSLog(LogKey(), szLog, strlen(szLog), iCode, GUID_UNKNOWN);
+}
+
+void StatefulReader::LogDrop(const char* szOperation, const char* szReason, const char* szWhat,
+                             const SequenceNumber_t& seqNum) const {
+    char szLog[200];
+    snprintf(szLog, sizeof(szLog), "[StatefulReader::%s] %s: %s dropped TopicName = %s Seq = %d", szOperation,
+             szReason, szWhat, TopicName().c_str(), int(seqNum.low));
+    WriteLog(szLog);
+}
+
+uint64_t StatefulReader::getHeldBytes() const {
+    uint64_t ulBytes = 0;
+    for (const auto& entry : m_MatchedWriter) ulBytes += entry.second->getHeldBytes();
+    return ulBytes;
 }
 
 bool StatefulReader::IsBuiltinTopic() const {
@@ -136,7 +151,7 @@ int StatefulReader::ReliableDataMessageReceive(CacheChange* pCacheChange) {
     const SequenceNumber_t maxSeq = pWriterProxy->available_changes_max();
     if (pCacheChange->sequenceNumber == maxSeq + 1) {
         const bool bKept = AddToReaderCache(pCacheChange, RELIABLE_PATH);
-        pWriterProxy->available_change_next();
+        pWriterProxy->available_change_next(pCacheChange);
         NotifyDataReader(pCacheChange, bKept);
         // The layer above may have unmatched the writer meanwhile.
         if (FindProxy(writerGuid) != pWriterProxy) return 0;
@@ -198,6 +213,16 @@ int StatefulReader::DataMessageReceive(const MessageReceiver& receiver, const Da
                      "DataMessage.WriterSN(%d) and TopicName = %s",
                      int(maxSeq.low), int(writerSN.low), strTopic.c_str());
             WriteLog(szLog);
+            return 1;
+        }
+        // What cannot be delivered at once is parked, within the bounds or not at all.
+        const uint64_t ulCharge = sizeof(CacheChange) + uiLength + inlineQos.size() * sizeof(Parameter);
+        const char* szRefusal =
+            writerSN == maxSeq + 1
+                ? nullptr
+                : pWriterProxy->refusal(writerSN, getHeldBytes() + ulCharge, m_HeldBytesMax);
+        if (szRefusal != nullptr) {
+            LogDrop("DataMessageReceive", szRefusal, "DATA", writerSN);
             return 1;
         }
     }

@@ -57,11 +57,14 @@ public:
     int assertLiveliness(GUID_t remote, Time_t now, uint32_t uiKind);
 
     size_t getMatchedWriterCount() const { return m_MatchedWriter.size(); }
+    // Bytes held in parked changes and reassembly stores, over all proxies.
+    uint64_t getHeldBytes() const;
 
 protected:
     std::map<GUID_t, WriterProxy*> m_MatchedWriter;  // owned proxies
     SequenceNumber_t m_CacheKeyCounter;              // local delivery numbering
     AcknackMessageRequest* m_PeriodicAckNack;        // null unless the SEDP preemptive ACKNACK runs
+    uint64_t m_HeldBytesMax;                         // READER_HELD_BYTES_MAX; a subclass may set another
 
 private:
     // Which full-cache text a delivery path writes when it makes room.
@@ -83,6 +86,13 @@ private:
     const std::string& TopicName() const;
     int LogKey() const;
     void WriteLog(char* szLog, int iCode = 4240) const;
+    // "[StatefulReader::<szOperation>] <szReason>: <szWhat> dropped TopicName = .. Seq = .."
+    void LogDrop(const char* szOperation, const char* szReason, const char* szWhat,
+                 const SequenceNumber_t& seqNum) const;
+    // Whether the first fragment of a sample not yet under way may start a
+    // store; logs the drop when not. Best effort makes room by dropping the
+    // older samples instead.
+    bool AdmitsNewSample(WriterProxy* pWriterProxy, const SequenceNumber_t& writerSN, uint64_t ulCharge);
 
     // Answers a heartbeat with one ACKNACK carrying `set`, on the immediate scheduler.
     virtual void SendAckNack(WriterProxy* pWriterProxy, const SequenceNumberSet& set);

@@ -11,20 +11,9 @@
 namespace {
 // Both bitmaps stop here, the wire format's limit.
 const int64_t BITMAP_BITS_MAX = 256;
-// Fragment numbers are kept as 16-bit values: no walk over them needs more
-// steps than there are such values.
-const uint32_t FRAGMENT_NUMBER_VALUES = 65536;
 
 void SetBit(uint32_t* pBitmap, uint32_t uiOffset) {
     pBitmap[uiOffset / 32] |= 0x80000000u >> (uiOffset % 32);
-}
-
-// Adds the numbers uiFirst..uiLast to the set of missing fragments.
-void AddMissingFragments(std::set<uint16_t>& missing, uint32_t uiFirst, uint32_t uiLast) {
-    if (uiLast < uiFirst) return;
-    uint64_t ulSteps = uint64_t(uiLast) - uiFirst + 1;
-    if (ulSteps > FRAGMENT_NUMBER_VALUES) ulSteps = FRAGMENT_NUMBER_VALUES;
-    for (uint64_t i = 0; i < ulSteps; ++i) missing.insert(uint16_t(uiFirst + uint32_t(i)));
 }
 
 int64_t ToNanoseconds(const Time_t& t) {
@@ -42,7 +31,9 @@ WriterProxy::WriterProxy(const GUID_t& remoteWriterGuidValue, const std::list<Lo
       m_Qos(),
       m_Alive(1),
       m_LastAliveTime(Writer::PublicClockNow()),
-      m_DomainId(0) {}
+      m_DomainId(0),
+      m_HeldBytes(0),
+      m_ReassemblyCount(0) {}
 
 WriterProxy::~WriterProxy() {
     for (auto& entry : m_ChangesFromWriter) DeleteChange(entry.second.change);
@@ -88,18 +79,57 @@ SequenceNumber_t WriterProxy::available_changes_max() {
     return m_AvailableSeqNum;
 }
 
-void WriterProxy::available_change_next() {
+void WriterProxy::available_change_next(const CacheChange* pDelivered) {
     ++m_AvailableSeqNum;
-    // The change itself has gone to the reader cache.
-    m_ChangesFromWriter.erase(m_AvailableSeqNum);
+    auto it = m_ChangesFromWriter.find(m_AvailableSeqNum);
+    if (it == m_ChangesFromWriter.end()) return;
+    // The delivered change has gone to the reader cache; a store that a DATA
+    // of the same number overtook has nowhere to go.
+    if (it->second.change == pDelivered) release_change(it->second);
+    DropChange(it->second);
+    m_ChangesFromWriter.erase(it);
 }
 
 void WriterProxy::received_change(CacheChange* pCacheChange) {
     ChangeFromWriter& entry = change_entry(pCacheChange->sequenceNumber);
     if (pCacheChange->dataLength < FRAGMENT_SIZE + 1) entry.status = ChangeFromWriter::RECEIVED;
     // A second copy of a parked number replaces the first, which nobody else holds.
-    if (entry.change != nullptr && entry.change != pCacheChange) DeleteChange(entry.change);
+    if (entry.change != nullptr && entry.change != pCacheChange) DropChange(entry);
     entry.change = pCacheChange;
+    change_updated(entry);
+}
+
+bool WriterProxy::is_first_in_line(const SequenceNumber_t& seqNum) const {
+    return seqNum == m_AvailableSeqNum + 1 || m_ChangesFromWriter.empty() ||
+           seqNum <= m_ChangesFromWriter.begin()->first;
+}
+
+const char* WriterProxy::refusal(const SequenceNumber_t& seqNum, uint64_t ulReaderBytes,
+                                 uint64_t ulBound) const {
+    if (is_first_in_line(seqNum)) return nullptr;
+    if (m_ChangesFromWriter.size() >= PROXY_ENTRIES_MAX && m_ChangesFromWriter.count(seqNum) == 0)
+        return "entry bound reached";
+    return ulReaderBytes > ulBound ? "byte bound reached" : nullptr;
+}
+
+void WriterProxy::change_updated(ChangeFromWriter& entry) {
+    m_HeldBytes -= entry.heldBytes;
+    m_ReassemblyCount -= entry.counted_reassembling;
+    entry.heldBytes = entry.change != nullptr ? entry.change->HeldBytes() : 0;
+    entry.counted_reassembling = entry.change != nullptr ? entry.change->reassembling : 0;
+    m_HeldBytes += entry.heldBytes;
+    m_ReassemblyCount += entry.counted_reassembling;
+}
+
+CacheChange* WriterProxy::release_change(ChangeFromWriter& entry) {
+    CacheChange* pCacheChange = entry.change;
+    entry.change = nullptr;
+    change_updated(entry);
+    return pCacheChange;
+}
+
+void WriterProxy::DropChange(ChangeFromWriter& entry) {
+    DeleteChange(release_change(entry));
 }
 
 int WriterProxy::received_change_set(const SequenceNumber_t& seqNum) {
@@ -133,9 +163,25 @@ void WriterProxy::irrelevant_change_set(const SequenceNumber_t& seqNum) {
 int WriterProxy::missing_changes_update(const SequenceNumber_t& firstSN, const SequenceNumber_t& lastSN) {
     SequenceNumber_t seqNum = m_AvailableSeqNum + 1;
     if (firstSN > seqNum) seqNum = firstSN;
+    // One step passes an existing entry or makes one: at most twice the cap.
+    auto hint = m_ChangesFromWriter.lower_bound(seqNum);
     for (; seqNum <= lastSN; ++seqNum) {
-        auto it = m_ChangesFromWriter.find(seqNum);
-        if (it == m_ChangesFromWriter.end()) m_ChangesFromWriter[seqNum].status = ChangeFromWriter::MISSING;
+        if (hint != m_ChangesFromWriter.end() && hint->first == seqNum) {
+            ++hint;
+            continue;
+        }
+        if (m_ChangesFromWriter.size() >= PROXY_ENTRIES_MAX) {
+            char szLog[200];
+            snprintf(szLog, sizeof(szLog),
+                     "[WriterProxy::missing_changes_update] entry bound reached at SeqNum(%d), LastSN = %d "
+                     "TopicName = %s",
+                     int(seqNum.low), int(lastSN.low), m_TopicName.c_str());
+            WriteLog(szLog);
+            break;
+        }
+        ChangeFromWriter entry;
+        entry.status = ChangeFromWriter::MISSING;
+        m_ChangesFromWriter.emplace_hint(hint, seqNum, entry);
     }
     return 0;
 }
@@ -146,7 +192,7 @@ void WriterProxy::lost_changes_update(const SequenceNumber_t& firstSN) {
     while (it != m_ChangesFromWriter.end() && it->first < firstSN) {
         if (it->second.status == ChangeFromWriter::MISSING || it->second.status == ChangeFromWriter::UNKNOWN)
             it->second.status = ChangeFromWriter::LOST;
-        DeleteChange(it->second.change);
+        DropChange(it->second);
         it = m_ChangesFromWriter.erase(it);
     }
 }
@@ -200,12 +246,26 @@ CacheChange* WriterProxy::getAvailableChanges(const SequenceNumber_t& maxSeq) {
             WriteLog(szLog);
         }
         if (it->second.is_relevant != 0) {
-            CacheChange* pCacheChange = it->second.change;
+            CacheChange* pCacheChange = release_change(it->second);
+            const SequenceNumber_t seqNum = it->first;
             m_ChangesFromWriter.erase(it);
+            // A store passed over before it completed goes as far as it came.
+            if (pCacheChange != nullptr && pCacheChange->reassembling != 0) {
+                pCacheChange->reassembling = 0;
+                if (!pCacheChange->Assemble()) {
+                    snprintf(szLog, sizeof(szLog),
+                             "[WriterProxy::getAvailableChanges] no memory to assemble Seq = %d, dropped "
+                             "TopicName = %s",
+                             int(seqNum.low), m_TopicName.c_str());
+                    WriteLog(szLog);
+                    DeleteChange(pCacheChange);
+                    continue;
+                }
+            }
             return pCacheChange;
         }
         // A change parked under a number that a gap declared irrelevant goes nowhere.
-        DeleteChange(it->second.change);
+        DropChange(it->second);
         m_ChangesFromWriter.erase(it);
     }
     return nullptr;
@@ -218,8 +278,16 @@ ChangeFromWriter& WriterProxy::change_entry(const SequenceNumber_t& seqNum) {
 void WriterProxy::remove_oldest_changes(uint32_t uiCount) {
     while (m_ChangesFromWriter.size() > uiCount) {
         auto it = m_ChangesFromWriter.begin();
-        DeleteChange(it->second.change);
+        DropChange(it->second);
         m_ChangesFromWriter.erase(it);
+    }
+}
+
+void WriterProxy::remove_changes_below(const SequenceNumber_t& seqNum) {
+    auto it = m_ChangesFromWriter.begin();
+    while (it != m_ChangesFromWriter.end() && it->first < seqNum) {
+        DropChange(it->second);
+        it = m_ChangesFromWriter.erase(it);
     }
 }
 
@@ -231,6 +299,7 @@ void WriterProxy::fragment_nack(StatefulReader* pReader, RequestScheduler* pSche
             continue;
         FragmentNumberSet set;
         fragment_set(pFragDataCache, set);
+        change_updated(entry.second);  // the fragments past the highest may have added a gap
         // A store whose fragments have all come has nothing to ask for.
         if (set.numBits != 0) SendNackFrag(pReader, pScheduler, entry.first, set);
     }
@@ -239,18 +308,21 @@ void WriterProxy::fragment_nack(StatefulReader* pReader, RequestScheduler* pSche
 void WriterProxy::fragment_set(CacheChange* pFragDataCache, FragmentNumberSet& set) {
     // Fragments past the highest one seen stay requested until they come; with
     // a count one too high, the last of them is requested in vain.
-    if (pFragDataCache->fragmentCount != pFragDataCache->highestFragment)
-        AddMissingFragments(pFragDataCache->missingFragments, pFragDataCache->highestFragment + 1,
-                            pFragDataCache->fragmentCount);
-    const std::set<uint16_t>& missing = pFragDataCache->missingFragments;
+    if (pFragDataCache->fragmentCount > pFragDataCache->highestFragment)
+        pFragDataCache->missingFragments.insert(pFragDataCache->highestFragment + 1,
+                                                pFragDataCache->fragmentCount);
+    const FragmentRanges& missing = pFragDataCache->missingFragments;
     if (missing.empty()) return;
-    set.bitmapBase = *missing.begin();
-    for (uint16_t fragmentNum : missing) {
-        const uint32_t uiOffset = uint32_t(fragmentNum) - set.bitmapBase;
-        if (uiOffset >= BITMAP_BITS_MAX) break;
-        printf("loss Frag Data %d Seq = %d\n", int(fragmentNum), int(pFragDataCache->sequenceNumber.low));
-        SetBit(set.bitmap, uiOffset);
-        set.numBits = uiOffset + 1;
+    set.bitmapBase = missing.ranges().begin()->first;
+    for (const auto& range : missing.ranges()) {
+        // 64-bit steps: a range may end at 2^32-1.
+        for (uint64_t ulNum = range.first; ulNum <= range.second; ++ulNum) {
+            const uint64_t ulOffset = ulNum - set.bitmapBase;
+            if (ulOffset >= uint64_t(BITMAP_BITS_MAX)) return;
+            printf("loss Frag Data %d Seq = %d\n", int(ulNum), int(pFragDataCache->sequenceNumber.low));
+            SetBit(set.bitmap, uint32_t(ulOffset));
+            set.numBits = uint32_t(ulOffset) + 1;
+        }
     }
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -51,6 +52,7 @@ public:
 // Records the ACKNACK sets instead of queueing requests.
 class RecordingReader : public StatefulReader {
 public:
+    using StatefulReader::m_HeldBytesMax;
     using StatefulReader::StatefulReader;
     std::vector<SequenceNumberSet> m_AckNacks;
 
@@ -121,13 +123,19 @@ struct Fixture {
         return reader.DataMessageReceive(Receiver(stamp), Data(uiSeq, writerId), {},
                                          reinterpret_cast<const octet*>(&uiSeq), sizeof(uiSeq));
     }
-    // Sends fragment uiNumber of `sample` as writer number uiSeq.
-    int SendFragment(uint32_t uiSeq, const std::vector<octet>& sample, uint32_t uiNumber) {
+    int SendFrag(uint32_t uiSeq, const dataFrag& fragment, const std::vector<octet>& bytes) {
+        return reader.DataFragMessageReceive(Receiver(), Data(uiSeq), fragment, {}, bytes.data(),
+                                             uint32_t(bytes.size()));
+    }
+    // Sends fragment uiNumber of `sample` as writer number uiSeq; an empty
+    // one, as the writer sends the last of an exact multiple, when bEmpty.
+    int SendFragment(uint32_t uiSeq, const std::vector<octet>& sample, uint32_t uiNumber,
+                     bool bEmpty = false) {
         const uint32_t uiOffset = (uiNumber - 1) * FRAGMENT_SIZE;
         const dataFrag fragment = {uiNumber, 1, uint16_t(FRAGMENT_SIZE), uint32_t(sample.size())};
         return reader.DataFragMessageReceive(
             Receiver(), Data(uiSeq), fragment, {}, sample.data() + uiOffset,
-            std::min<uint32_t>(uint32_t(sample.size()) - uiOffset, FRAGMENT_SIZE));
+            bEmpty ? 0 : std::min<uint32_t>(uint32_t(sample.size()) - uiOffset, FRAGMENT_SIZE));
     }
     int Heartbeat(uint32_t uiFirst, uint32_t uiLast, uint32_t uiCount,
                   const EntityId_t& writerId = WRITER_ID) {
@@ -370,7 +378,8 @@ TEST(StatefulReader_Fragments, ExactMultipleCountsOneTooManyAndAHeartbeatAsksFor
     ASSERT_NE(nullptr, pStore);
     EXPECT_EQ(3u, pStore->fragmentCount);
     EXPECT_EQ(2u, pStore->highestFragment);
-    EXPECT_EQ(std::set<uint16_t>({1}), pStore->missingFragments);
+    EXPECT_EQ((std::map<uint32_t, uint32_t>{{1, 1}}), pStore->missingFragments.ranges());
+    EXPECT_LT(FRAGMENT_SIZE, f.reader.getHeldBytes());  // the stored fragment counts
     EXPECT_TRUE(f.sink.m_Keys.empty());
     EXPECT_EQ(0, f.SendFragment(1, sample, 1));  // complete on two
     EXPECT_EQ(std::vector<std::vector<octet>>({sample}), f.sink.m_Payloads);
@@ -390,32 +399,22 @@ TEST(StatefulReader_Fragments, ExactMultipleCountsOneTooManyAndAHeartbeatAsksFor
     EXPECT_EQ(1u, f.reader.m_AckNacks[0].numBits);  // the sample under reassembly is missing too
 }
 
-TEST(StatefulReader_Fragments, MalformedFragmentsAreIgnoredSafely) {
+TEST(StatefulReader_Fragments, CopiesAreCutToTheFirstStoreAndOverlapGoesByArrival) {
     Fixture f(Qos(RELIABLE_RELIABILITY_QOS));
-    const std::vector<octet> sample = Sample(FRAGMENT_SIZE + 1000);
+    std::vector<octet> sample = Sample(FRAGMENT_SIZE + 1000);
     const std::vector<octet> oversized(FRAGMENT_SIZE, 0xAB);
-    auto send = [&](uint32_t uiNumber, uint32_t uiSampleSize, uint16_t usSize = uint16_t(FRAGMENT_SIZE)) {
-        return f.reader.DataFragMessageReceive(Receiver(), Data(1),
-                                               dataFrag{uiNumber, 1, usSize, uiSampleSize}, {},
-                                               oversized.data(), uint32_t(oversized.size()));
-    };
-    // Offset beyond the sample, a zero fragment size, fragment number 0.
-    EXPECT_EQ(0, send(5, 100000));
-    EXPECT_EQ(0, send(1, 100000, 0));
-    EXPECT_EQ(0, send(0, 100000));
-    EXPECT_TRUE(f.pProxy->getChangesFromWriter().empty());
-
     // A last fragment longer than what is left of the sample is cut to fit; a
     // later fragment announcing a larger sample cannot reach past the store.
-    EXPECT_EQ(0, send(2, uint32_t(sample.size())));
-    EXPECT_EQ(0, send(3, 4 * FRAGMENT_SIZE));
-    const CacheChange* pStore = f.Store(1);
-    ASSERT_NE(nullptr, pStore);
-    EXPECT_EQ(2u, pStore->highestFragment);
-    EXPECT_EQ(0xAB, pStore->data[pStore->dataLength - 1]);
+    EXPECT_EQ(0, f.SendFrag(1, dataFrag{2, 1, uint16_t(FRAGMENT_SIZE), uint32_t(sample.size())}, oversized));
+    EXPECT_EQ(0, f.SendFrag(1, dataFrag{3, 1, uint16_t(FRAGMENT_SIZE), 4 * FRAGMENT_SIZE}, oversized));
+    f.SendFrag(1, dataFrag{2, 1, 64000, uint32_t(sample.size())},
+               std::vector<octet>(1000, 0xCD));  // other size
+    ASSERT_NE(nullptr, f.Store(1));
+    EXPECT_EQ(2u, f.Store(1)->highestFragment);
     f.SendFragment(1, sample, 1);
-    ASSERT_EQ(1u, f.sink.m_Payloads.size());
-    EXPECT_EQ(sample.size(), f.sink.m_Payloads[0].size());
+    std::fill(sample.begin() + FRAGMENT_SIZE, sample.end(), 0xAB);
+    std::fill(sample.begin() + FRAGMENT_SIZE, sample.begin() + 65000, 0xCD);
+    EXPECT_EQ(std::vector<std::vector<octet>>({sample}), f.sink.m_Payloads);
 }
 
 TEST(StatefulReader_Fragments, OldNumbersAndNonOwnersAreRefusedWithALog) {
@@ -440,7 +439,6 @@ TEST(StatefulReader_Fragments, BestEffortDeliversCompleteSamplesAndKeepsThreeUnd
     const std::vector<octet> sample = Sample(FRAGMENT_SIZE + 500);
     for (uint32_t uiNumber : {2u, 1u}) f.SendFragment(1, sample, uiNumber);
     ASSERT_EQ(1u, f.sink.m_Payloads.size());
-    EXPECT_EQ(sample, f.sink.m_Payloads[0]);
     EXPECT_EQ(nullptr, f.Store(1));  // handed over, the entry stays empty
 
     for (uint32_t uiSeq = 2; uiSeq <= 6; ++uiSeq) f.SendFragment(uiSeq, sample, 1);
@@ -448,4 +446,84 @@ TEST(StatefulReader_Fragments, BestEffortDeliversCompleteSamplesAndKeepsThreeUnd
     EXPECT_EQ(SequenceNumber_t(0, 4), f.pProxy->getChangesFromWriter().begin()->first);
     f.SendFragment(2, sample, 2);  // a pruned sample starts over when its next fragment comes
     EXPECT_EQ(1u, f.sink.m_Payloads.size());
+}
+
+TEST(StatefulReader_Fragments, ReassemblesByteIdenticallyInAnyOrder) {
+    struct Case {
+        uint32_t uiSize;
+        Seq order;
+        bool bLastEmpty;  // the writer sends the last fragment of an exact multiple empty
+    };
+    const Case aCases[] = {{2 * FRAGMENT_SIZE + 1000, {1, 2, 3}, false},
+                           {2 * FRAGMENT_SIZE + 1000, {3, 1, 2}, false},
+                           {2 * FRAGMENT_SIZE, {2, 1}, true}};
+    for (ReliabilityQosPolicyKind kind : {RELIABLE_RELIABILITY_QOS, BEST_EFFORT_RELIABILITY_QOS}) {
+        for (const Case& c : aCases) {
+            SCOPED_TRACE(testing::Message() << kind << " " << c.uiSize << " first " << c.order[0]);
+            Fixture f(Qos(kind));
+            const std::vector<octet> sample = Sample(c.uiSize);
+            for (uint32_t uiNumber : c.order)
+                f.SendFragment(1, sample, uiNumber, c.bLastEmpty && uiNumber == c.order.size());
+            std::vector<octet> expected = sample;
+            if (c.bLastEmpty) std::fill(expected.end() - FRAGMENT_SIZE, expected.end(), 0);  // stays zero
+            EXPECT_EQ(std::vector<std::vector<octet>>({expected}), f.sink.m_Payloads);
+            EXPECT_EQ(0u, f.reader.getHeldBytes());
+            EXPECT_EQ(0u, f.pProxy->getReassemblyCount());
+        }
+    }
+}
+
+TEST(StatefulReader_Bounds, HostileInputStaysBoundedAndTheNextSampleGetsThrough) {
+    const uint16_t usFull = uint16_t(FRAGMENT_SIZE);
+    struct Case {
+        const char* szName;
+        uint32_t uiHeartbeatLast, uiDatas;  // a heartbeat from 1, then DATA from 70000
+        dataFrag frag;                      // sent uiFrags times, as numbers from 100
+        uint32_t uiFrags, uiThenFragment;   // and then this fragment number of number 100
+        const char* szReliableLog;          // a text the drop log contains, or "" when nothing is dropped
+        const char* szBestEffortLog;
+    };
+    const Case aCases[] = {
+        {"heartbeat", 20000000, 1, {}, 0, 0, "entry bound reached: DATA", "update] entry bound"},
+        {"4 GiB announced", 0, 0, {1, 1, usFull, 0xFFFFFFFFu}, 1, 0, "", ""},
+        {"fragment number 0", 0, 0, {0, 1, usFull, 1000}, 1, 0, "size 0: fragment", "size 0: fragment"},
+        {"fragment size 0", 0, 0, {1, 1, 0, 1000}, 1, 0, "size 0: fragment", "size 0: fragment"},
+        {"fragment 2^32-1", 0, 0, {0xFFFFFFFFu, 1, usFull, 1000}, 1, 0, "outside the", "outside the"},
+        {"far above highest", 0, 0, {1, 1, 1, 0xFFFFFFFFu}, 1, 0xFFFFFFF0u, "", ""},
+        {"unfinished", 0, 0, {1, 1, usFull, 2 * FRAGMENT_SIZE}, 10000, 0, "under reassembly: fragment", ""},
+        {"parked DATA", 0, 10000, {}, 0, 0, "byte bound reached: DATA", ""},
+    };
+    const std::vector<octet> chunk(100, 0xEE);
+    const std::vector<octet> sample = Sample(FRAGMENT_SIZE + 500);
+    for (ReliabilityQosPolicyKind kind : {RELIABLE_RELIABILITY_QOS, BEST_EFFORT_RELIABILITY_QOS}) {
+        const bool bReliable = kind == RELIABLE_RELIABILITY_QOS;
+        for (const Case& c : aCases) {
+            SCOPED_TRACE(testing::Message() << c.szName << (bReliable ? " reliable" : " best effort"));
+            LogRecorder logs;
+            Fixture f(Qos(kind));
+            f.reader.m_HeldBytesMax = 1 << 20;
+            const auto start = std::chrono::steady_clock::now();
+            if (c.uiHeartbeatLast != 0) f.Heartbeat(1, c.uiHeartbeatLast, 1);
+            for (uint32_t i = 0; i < c.uiDatas; ++i) f.Send(70000 + i);
+            for (uint32_t i = 0; i < c.uiFrags; ++i) f.SendFrag(100 + i, c.frag, chunk);
+            if (c.uiThenFragment != 0) f.SendFrag(100, dataFrag{c.uiThenFragment, 1, 1, 0xFFFFFFFFu}, chunk);
+            EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+            EXPECT_LE(f.pProxy->getChangesFromWriter().size(), PROXY_ENTRIES_MAX + 1);
+            EXPECT_LE(f.pProxy->getReassemblyCount(), bReliable ? RELIABLE_REASSEMBLY_MAX : 3u);
+            EXPECT_LE(f.reader.getHeldBytes(), 2u << 20);  // the bound, and one sample first in line
+            const std::string strLog = bReliable ? c.szReliableLog : c.szBestEffortLog;
+            const std::vector<std::string> texts = logs.Texts();
+            EXPECT_EQ(!strLog.empty(), std::any_of(texts.begin(), texts.end(), [&](const std::string& s) {
+                return s.find(strLog.empty() ? "dropped" : strLog) != std::string::npos;
+            }));
+
+            // The writer's next numbers: best effort only needs them above the attack's.
+            const uint32_t uiNext = bReliable ? 1 : 1000000;
+            f.Send(uiNext);
+            for (uint32_t uiNumber : {2u, 1u}) f.SendFragment(uiNext + 1, sample, uiNumber);
+            ASSERT_LE(2u, f.sink.m_Payloads.size());
+            EXPECT_EQ(uiNext, f.sink.Numbers()[f.sink.m_Payloads.size() - 2]);
+            EXPECT_EQ(sample, f.sink.m_Payloads.back());
+        }
+    }
 }

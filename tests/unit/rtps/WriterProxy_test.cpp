@@ -216,7 +216,8 @@ TEST(WriterProxy_Fragments, SetCoversThePhantomFragmentAndStopsAt256) {
         EXPECT_EQ(c.uiBits, uint32_t(std::count(strOut.begin(), strOut.end(), '\n')));
         EXPECT_EQ(0u, strOut.find("loss Frag Data 2 Seq = 7\nloss Frag Data 3 Seq = 7\n"));
         EXPECT_EQ(std::string::npos, strOut.find("loss Frag Data 258 "));
-        EXPECT_EQ(c.uiFragments - 1, store.missingFragments.size());  // requested until they come
+        EXPECT_EQ((std::map<uint32_t, uint32_t>{{2, c.uiFragments}}),
+                  store.missingFragments.ranges());  // requested until they come
     }
 }
 
@@ -239,4 +240,30 @@ TEST(WriterProxy_Fragments, NackGoesOnlyForMissingSamplesUnderReassembly) {
     EXPECT_EQ(Sn(2), proxy.m_NackFrags[0].first);
     EXPECT_EQ(2u, proxy.m_NackFrags[0].second.bitmapBase);
     EXPECT_EQ(1u, proxy.m_NackFrags[0].second.numBits);
+}
+
+TEST(FragmentRanges, InsertMergesWhatItTouchesAndEraseSplitsAcrossThe32BitRange) {
+    struct Case {
+        std::vector<std::pair<uint32_t, uint32_t>> inserts;
+        std::vector<uint32_t> erases;
+        std::string strRanges;
+        bool bSplits3;  // 3 lies inside a range
+    };
+    const Case aCases[] = {
+        {{{1, 3}, {5, 7}, {4, 4}}, {}, "1-7", true},
+        {{{1, 2}, {4, 5}, {7, 8}, {0, 9}, {5, 3}}, {20}, "0-9", true},
+        {{{1, 10}}, {1, 10, 5, 5}, "2-4 6-9", true},
+        {{{0xFFFFFFF0u, 0xFFFFFFFFu}, {0, 4}}, {0xFFFFFFFFu, 1, 4}, "0-0 2-3 4294967280-4294967294", false},
+    };
+    for (const Case& c : aCases) {
+        FragmentRanges ranges;
+        for (const auto& insert : c.inserts) ranges.insert(insert.first, insert.second);
+        for (uint32_t uiNumber : c.erases) ranges.erase(uiNumber);
+        std::string strOut;
+        for (const auto& range : ranges.ranges())
+            strOut += (strOut.empty() ? "" : " ") + std::to_string(range.first) + "-" +
+                      std::to_string(range.second);
+        EXPECT_EQ(c.strRanges, strOut);
+        EXPECT_EQ(c.bSplits3, ranges.splits(3));
+    }
 }
