@@ -9,6 +9,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -46,14 +47,26 @@ long RssKiB() {
 class CountingReader : public DataReaderListener {
 public:
     void on_data_available(DataReader* reader) override {
-        if (onData) onData();
+        std::function<void()> fnStep;
+        {
+            std::lock_guard<std::mutex> lock(m_Mutex);
+            fnStep = m_fnOnData;
+        }
+        if (fnStep) fnStep();
         TakeEach(reader, [this](UserData& value) {
             free(value.data);
             ++count;
         });
     }
-    std::function<void()> onData;
+    void OnData(std::function<void()> fnStep) {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_fnOnData = std::move(fnStep);
+    }
     std::atomic<int> count{0};
+
+private:
+    std::mutex m_Mutex;  // the step is set by the test while the process thread may call
+    std::function<void()> m_fnOnData;
 };
 
 class SlowDeadline : public DataWriterListener {
@@ -278,10 +291,10 @@ TEST_F(Robustness, DeletionWhileTenThousandAsynchronousSendsAreQueued) {
 
 TEST_F(Robustness, ParticipantDeletedWhileAListenerRuns) {
     std::atomic<bool> bInside{false};
-    m_aCounts[1].onData = [&] {
+    m_aCounts[1].OnData([&] {
         bInside = true;
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    };
+    });
     const char sample[] = "x";
     m_apWriters[1]->write(sample, sizeof(sample), HANDLE_NIL);
     ASSERT_TRUE(WaitFor([&] { return bInside.load(); }, kWaitMs));
@@ -304,10 +317,10 @@ TEST_F(Robustness, ParticipantDeletedWhileATimerFires) {
 // holds the reader: the writer is another endpoint and the send goes through.
 TEST_F(Robustness, AListenerWritesOnAnotherWriter) {
     std::atomic<int> iForwarded{0};
-    m_aCounts[0].onData = [&] {
+    m_aCounts[0].OnData([&] {
         const char sample[] = "forwarded";
         if (m_pWriterB->write(sample, sizeof(sample), HANDLE_NIL) == RETCODE_OK) ++iForwarded;
-    };
+    });
     const int iBefore = m_aCounts[1].count;
     ASSERT_TRUE(Delivers(0));
     EXPECT_EQ(iForwarded, 1);

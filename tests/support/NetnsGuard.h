@@ -69,6 +69,14 @@ void AddNetnsGuardEnvironment(const std::vector<std::string>& allowed = {});
 // timeout_ms / step_ms + 2 times.
 bool WaitFor(std::function<bool()> pred, int timeout_ms, int step_ms = 5);
 
+#ifndef MORVODDS_TIME_FACTOR
+#define MORVODDS_TIME_FACTOR 1
+#endif
+// A wall-clock budget in milliseconds, stretched for sanitized builds.
+inline long long TimeBudgetMs(long long llMs) {
+    return llMs * MORVODDS_TIME_FACTOR;
+}
+
 // The opposite question: true if `pred` holds at every poll for the whole of
 // `duration_ms` (e.g. "nothing arrives"); false as soon as it does not.
 bool HoldsFor(std::function<bool()> pred, int duration_ms, int step_ms = 5);
