@@ -107,9 +107,18 @@ void DomainParticipantImpl::BuildGuid() {
     m_ParticipantGuid.entityId = ENTITYID_PARTICIPANT;
 }
 
+namespace {
+std::atomic<DomainParticipantImpl::TransmitterFactory> g_pTransmitterFactory{nullptr};
+}  // namespace
+
+void DomainParticipantImpl::SetTransmitterFactory(TransmitterFactory pFactory) {
+    g_pTransmitterFactory.store(pFactory);
+}
+
 void DomainParticipantImpl::BuildRtpsParticipant() {
     // The participant works on our QoS record (initLoaclNet completes it in place).
-    m_pParticipant = new (std::nothrow) Participant(m_ParticipantGuid, this, m_iLogId, &m_Qos);
+    m_pParticipant = new (std::nothrow)
+        Participant(m_ParticipantGuid, this, m_iLogId, &m_Qos, g_pTransmitterFactory.load());
     if (m_pParticipant == nullptr) return;
     (void)m_pParticipant->initParticipant();  // logged inside; construction carries on
     // The network set-up wrote the local address into the prefix.

@@ -25,6 +25,9 @@ class StaticDomainParticipant;
 class Participant;
 class Discovery;
 
+class MessageTransmitter;
+class ReceiveBuffer;
+
 class DomainParticipantImpl : public Entity {
 public:
     DomainParticipantImpl(int domain_id, const DomainParticipantQos& qos,
@@ -104,6 +107,11 @@ public:
 
     // "DCPSParticipant", "DCPSPublication", "DCPSSubscription", "DCPSParticipantMessage".
     static bool IsBuiltinTopicName(const std::string& name);
+
+    // Test seam: participants created from now on take their transmitter from this factory
+    // (an in-process network, say); null restores UDP sockets.
+    typedef MessageTransmitter* (*TransmitterFactory)(ReceiveBuffer* pReceiveBuffer, int iLogKey);
+    static void SetTransmitterFactory(TransmitterFactory pFactory);
 
 private:
     // Construction steps, in the order the constructor runs them.

@@ -1,7 +1,8 @@
 // Hostile datagrams and awkward teardown against live participants: what one datagram
 // may leave taken, how much work and memory wire values can cost, and deletion while
-// requests, listeners and timers are busy. Two participants of one process, connected by
-// hand; hostile datagrams enter the receiving participant's ring as if from the network.
+// requests, listeners and timers are busy. Two participants of one process on the in-process
+// network, connected by hand; hostile datagrams enter the receiving participant's ring as if
+// from the network.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 #include "DatagramBuilder.h"
 #include "DomainParticipant.h"
 #include "DomainParticipantFactory.h"
+#include "FakeNetwork.h"
 #include "ManualMatch.h"
 #include "NetnsGuard.h"
 #include "Publisher.h"
@@ -83,7 +85,7 @@ public:
 class Robustness : public ::testing::Test {
 protected:
     void SetUp() override {
-        MORVODDS_REQUIRE_PRIVATE_NETNS();
+        FakeNetwork::Install();
         m_pFactory = DomainParticipantFactory::get_instance();
         const int iDomain = 1 + int(getpid() % 200);
         m_pA = m_pFactory->create_participant(iDomain, PARTICIPANT_QOS_DEFAULT, nullptr, 0);
@@ -125,6 +127,7 @@ protected:
     void TearDown() override {
         DeleteParticipant(m_pB);
         DeleteParticipant(m_pA);
+        FakeNetwork::Uninstall();
     }
 
     void DeleteParticipant(DomainParticipant*& p) {
@@ -219,6 +222,37 @@ TEST_F(Robustness, ADatagramThatKeepsAnEndpointStopsOnlyThatEndpoint) {
         EXPECT_EQ(Delivers(0, cases[i].bReaderOneKept ? 300 : kWaitMs), !cases[i].bReaderOneKept);
         // A kept writer's sends are refused (and logged) instead of waiting for it.
         EXPECT_EQ(WriterBDelivers(), !cases[i].bWriterBKept);
+    }
+}
+
+// The network itself: its rules act on the datagrams they match and on no others.
+TEST_F(Robustness, NetworkRulesDropDuplicateAndDelayWhatTheyMatch) {
+    struct Case {
+        FakeNetwork::Action action;
+        int iKind;
+        int iExpected;  // samples reader "one" gets for one written
+    };
+    const Case cases[] = {{FakeNetwork::DROP, DATA, 0},
+                          {FakeNetwork::DROP, HEARTBEAT, 1},
+                          {FakeNetwork::DUPLICATE, DATA, 2},
+                          {FakeNetwork::DELAY, DATA, 1},
+                          {FakeNetwork::REORDER, DATA, 1}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(int(c.action));
+        FakeNetwork::Rule rule;
+        rule.action = c.action;
+        rule.iKind = c.iKind;
+        rule.iTimes = 1;
+        FakeNetwork::AddRule(rule);
+        const int iBefore = m_aCounts[0].count;
+        const char sample[] = "ruled";
+        m_apWriters[0]->write(sample, sizeof(sample), HANDLE_NIL);
+        EXPECT_TRUE(Drained());
+        FakeNetwork::Flush();
+        EXPECT_TRUE(WaitFor([&] { return m_aCounts[0].count - iBefore >= c.iExpected; }, kWaitMs));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(m_aCounts[0].count - iBefore, c.iExpected);
+        FakeNetwork::ClearRules();
     }
 }
 
