@@ -95,9 +95,11 @@ public:
     }
 
     // Under the hub's lock.
+    // Ports compare as the 16 bits a socket keeps of them: the port formulas pass 65535 for
+    // large participant ids, and both ends truncate alike.
     bool Listens(const Locator_t& destination, bool bMulticast) const {
         for (const Locator_t& locator : m_Receive)
-            if (locator.port == destination.port &&
+            if (uint16_t(locator.port) == uint16_t(destination.port) &&
                 (!bMulticast || locator.GetIPv4() == destination.GetIPv4()))
                 return true;
         return false;
