@@ -30,11 +30,11 @@ public:
     static int WriteDDSLog(int key, char* text, size_t length, int code, GUID_t guid);
 
     bool GetUseDDSLogFlag(int key);
-    bool IsQueryTopic(int key, std::string topic);
-    bool IsReadALLTopic(int key, std::string topic);
-    bool IsReadTopic(int key, std::string topic);
-    bool IsWriteALLTopic(int key, std::string topic);
-    bool IsWriteTopic(int key, std::string topic);
+    bool IsQueryTopic(int key, const std::string& topic);
+    bool IsReadALLTopic(int key, const std::string& topic);
+    bool IsReadTopic(int key, const std::string& topic);
+    bool IsWriteALLTopic(int key, const std::string& topic);
+    bool IsWriteTopic(int key, const std::string& topic);
 
     static void EntityToString(EntityId_t id, std::string& out);
     static void GuidPrefixToString(octet prefix[12], std::string& out);

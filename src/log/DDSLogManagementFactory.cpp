@@ -56,27 +56,27 @@ bool DDSLogManagementFactory::GetUseDDSLogFlag(int key) {
     (void)key;
     return false;
 }
-bool DDSLogManagementFactory::IsQueryTopic(int key, std::string topic) {
+bool DDSLogManagementFactory::IsQueryTopic(int key, const std::string& topic) {
     (void)key;
     (void)topic;
     return false;
 }
-bool DDSLogManagementFactory::IsReadALLTopic(int key, std::string topic) {
+bool DDSLogManagementFactory::IsReadALLTopic(int key, const std::string& topic) {
     (void)key;
     (void)topic;
     return false;
 }
-bool DDSLogManagementFactory::IsReadTopic(int key, std::string topic) {
+bool DDSLogManagementFactory::IsReadTopic(int key, const std::string& topic) {
     (void)key;
     (void)topic;
     return false;
 }
-bool DDSLogManagementFactory::IsWriteALLTopic(int key, std::string topic) {
+bool DDSLogManagementFactory::IsWriteALLTopic(int key, const std::string& topic) {
     (void)key;
     (void)topic;
     return false;
 }
-bool DDSLogManagementFactory::IsWriteTopic(int key, std::string topic) {
+bool DDSLogManagementFactory::IsWriteTopic(int key, const std::string& topic) {
     (void)key;
     (void)topic;
     return false;

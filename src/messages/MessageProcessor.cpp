@@ -21,6 +21,7 @@ MessageProcessor::MessageProcessor(Participant* pOwner, ReceiveBuffer* pReceiveB
       m_pReceiveBuffer(pReceiveBuffer),
       m_pEncapsulateMessage(nullptr),
       m_uiEncapsulateMessageSize(INITIAL_MESSAGE_SIZE),
+      m_uiEncapsulateDirty(0),
       m_uiLocalEndianness(MorvoFun::LocalEndianness() == 1 ? 1 : 0),
       m_uiDstGuidPrefixPos(0),
       m_uiDataReaderIdPos(0),

@@ -178,6 +178,7 @@ private:
     Mutex m_MessageMutex;
     octet* m_pEncapsulateMessage;
     uint32_t m_uiEncapsulateMessageSize;
+    uint32_t m_uiEncapsulateDirty;  // octets from 0 that may be non-zero since the last clear
     uint32_t m_uiLocalEndianness;
     uint32_t m_uiDstGuidPrefixPos;  // recorded, read by nothing
     uint32_t m_uiDataReaderIdPos;

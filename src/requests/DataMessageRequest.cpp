@@ -58,11 +58,11 @@ uint32_t DataMessageRequest::Execute() {
 
     m_pMessageProcessor->lockMessage();
     const int iSeq = int(m_SequenceNumber.low);
-    const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
+    const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, getTopicName());
     if (bTrace)
         DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
                             "[DataMessageRequest::Execute] [3] TopicName = %s SeqNum = %d",
-                            m_strTopicName.c_str(), iSeq);
+                            getTopicName().c_str(), iSeq);
 
     // The writer is borrowed before the front, as the sample (and its time) is found
     // through it; the existence test of the two senders happens here.
@@ -103,7 +103,7 @@ uint32_t DataMessageRequest::Execute() {
 
 DataSendHelper::Route DataMessageRequest::route() const {
     return DataSendHelper::Route{m_pMessageProcessor, m_pMessageTransmitter, m_uiDomainId,
-                                 m_strTopicName.c_str()};
+                                 getTopicName().c_str()};
 }
 
 int DataMessageRequest::sendDataMessage(uint32_t uiMessageLen, EndpointLoan& writer, TakenChange& change,
@@ -112,7 +112,7 @@ int DataMessageRequest::sendDataMessage(uint32_t uiMessageLen, EndpointLoan& wri
     if (bTrace)
         DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
                             "[DataMessageRequest::sendDataMessage] [4] TopicName = %s SeqNum = %d",
-                            m_strTopicName.c_str(), int(sample.sequenceNumber.low));
+                            getTopicName().c_str(), int(sample.sequenceNumber.low));
 
     const std::list<Locator_t> sources = DataSendHelper::SourcesOf(writer.as<Writer>());
     std::list<Locator_t> destinations;
@@ -144,7 +144,7 @@ int DataMessageRequest::sendDataFragMessage(uint32_t uiMessageLen, EndpointLoan&
     if (bTrace)
         DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
                             "[DataMessageRequest::sendDataFragMessage] [4] TopicName = %s SeqNum = %d",
-                            m_strTopicName.c_str(), int(sample.sequenceNumber.low));
+                            getTopicName().c_str(), int(sample.sequenceNumber.low));
 
     const std::list<Locator_t> sources = DataSendHelper::SourcesOf(writer.as<Writer>());
     std::list<Locator_t> destinations;

@@ -24,11 +24,11 @@ uint32_t DataMessageRequest_L::Execute() {
 
     m_pMessageProcessor->lockMessage();
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*m_pCacheChange);
-    const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
+    const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, getTopicName());
     if (bTrace)
         DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
                             "[DataMessageRequest_L::Execute] [3] TopicName = %s SeqNum = %d",
-                            m_strTopicName.c_str(), int(sample.sequenceNumber.low));
+                            getTopicName().c_str(), int(sample.sequenceNumber.low));
 
     uint32_t uiMessageLen = 0;
     if (!DataSendHelper::ComposeFrontOrFail(
@@ -88,7 +88,7 @@ bool IsStateless(const Writer* pWriter) {
 
 DataSendHelper::Route DataMessageRequest_L::route() const {
     return DataSendHelper::Route{m_pMessageProcessor, m_pMessageTransmitter, m_uiDomainId,
-                                 m_strTopicName.c_str()};
+                                 getTopicName().c_str()};
 }
 
 int DataMessageRequest_L::sendDataMessage(uint32_t uiMessageLen, bool bTrace) {
@@ -96,7 +96,7 @@ int DataMessageRequest_L::sendDataMessage(uint32_t uiMessageLen, bool bTrace) {
     if (bTrace)
         DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
                             "[DataMessageRequest_L::sendDataMessage] [4] TopicName = %s SeqNum = %d",
-                            m_strTopicName.c_str(), int(sample.sequenceNumber.low));
+                            getTopicName().c_str(), int(sample.sequenceNumber.low));
 
     EndpointLoan writer = DataSendHelper::BorrowWriterOrFail(
         route(), m_EntityId,

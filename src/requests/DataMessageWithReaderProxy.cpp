@@ -29,14 +29,14 @@ std::list<Locator_t> DataMessageWithReaderProxy::proxyUnicastLocators() const {
 
 uint32_t DataMessageWithReaderProxy::Execute() {
     if (m_pMessageProcessor == nullptr) return REQUEST_EXECUTE_FAILED;
-    if (DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName))
+    if (DataSendHelper::QueryTraceOn(m_uiDomainId, getTopicName()))
         DataSendHelper::Log(m_uiDomainId, DDSLOG_WRITE,
                             "[DataMessageWithReaderProxy::Execute] [1] TopicName = %s ",
-                            m_strTopicName.c_str());
+                            getTopicName().c_str());
     if (!DataSendHelper::WriterExists(m_pMessageProcessor, m_EntityId)) {
         DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
                             "[DataMessageWithReaderProxy::Execute] isEndpointExist Error and TopicName = %s",
-                            m_strTopicName.c_str());
+                            getTopicName().c_str());
         return REQUEST_EXECUTE_FAILED;
     }
 
@@ -47,7 +47,7 @@ uint32_t DataMessageWithReaderProxy::Execute() {
         m_pMessageProcessor->unlockMessage();
         DataSendHelper::Log(m_uiDomainId, DDSLOG_INFO,
                             "[DataMessageWithReaderProxy::Execute] isEndpointExist Error and TopicName = %s",
-                            m_strTopicName.c_str());
+                            getTopicName().c_str());
         return REQUEST_EXECUTE_FAILED;
     }
 
@@ -77,21 +77,21 @@ DataMessageWithReaderProxy::SendResult DataMessageWithReaderProxy::sendRequested
         DataSendHelper::Log(
             m_uiDomainId, DDSLOG_INFO,
             "[DataMessageWithReaderProxy::Execute] EncapsulateMessageHeader Error and TopicName = %s",
-            m_strTopicName.c_str());
+            getTopicName().c_str());
         return SEND_HEADER_FAILED;
     }
     if (m_pMessageProcessor->EncapsulateINFODSTMessage(uiMessageLen, reader.guidPrefix) == nullptr) {
         DataSendHelper::Log(
             m_uiDomainId, DDSLOG_INFO,
             "[DataMessageWithReaderProxy::Execute] EncapsulateINFODSTMessage Error and TopicName = %s",
-            m_strTopicName.c_str());
+            getTopicName().c_str());
         return SEND_INFODST_FAILED;
     }
     if (m_pMessageProcessor->EncapsulateINFOTSMessage(uiMessageLen, sample.sourceTimestamp) == nullptr) {
         DataSendHelper::Log(
             m_uiDomainId, DDSLOG_INFO,
             "[DataMessageWithReaderProxy::Execute] EncapsulateINFOTSMessage Error and TopicName = %s",
-            m_strTopicName.c_str());
+            getTopicName().c_str());
         return SEND_INFOTS_FAILED;
     }
     if (gapStart != SEQUENCENUMBER_ZERO) {
@@ -109,7 +109,7 @@ DataMessageWithReaderProxy::SendResult DataMessageWithReaderProxy::sendRequested
 
 DataSendHelper::Route DataMessageWithReaderProxy::route() const {
     return DataSendHelper::Route{m_pMessageProcessor, m_pMessageTransmitter, m_uiDomainId,
-                                 m_strTopicName.c_str()};
+                                 getTopicName().c_str()};
 }
 
 int DataMessageWithReaderProxy::sendDataMessage(uint32_t uiMessageLen, CacheChange* pChange,
@@ -117,7 +117,7 @@ int DataMessageWithReaderProxy::sendDataMessage(uint32_t uiMessageLen, CacheChan
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*pChange);
     const std::list<Locator_t> sources = DataSendHelper::SourcesOf(writer.as<Writer>());
     const std::list<Locator_t> destinations = proxyUnicastLocators();
-    const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
+    const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, getTopicName());
     // The writer is Execute's to give back.
     const DataSendHelper::Texts texts = {
         "[DataMessageWithReaderProxy::sendDataMessage] EncapsulateDATAMessage Error and TopicName = %s",
@@ -132,7 +132,7 @@ int DataMessageWithReaderProxy::sendDataMessage(uint32_t uiMessageLen, CacheChan
 int DataMessageWithReaderProxy::sendDataFragMessage(uint32_t uiMessageLen, CacheChange* pChange,
                                                     EndpointLoan& writer) {
     const DataSendHelper::Sample sample = DataSendHelper::SampleOf(*pChange);
-    const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, m_strTopicName);
+    const bool bTrace = DataSendHelper::QueryTraceOn(m_uiDomainId, getTopicName());
     const std::list<Locator_t> sources = DataSendHelper::SourcesOf(writer.as<Writer>());
     const std::list<Locator_t> destinations = proxyUnicastLocators();
     // The whole sample goes again; a selective repair is FragRepairRequest's job.

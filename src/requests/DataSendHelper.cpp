@@ -51,10 +51,10 @@ bool DataSendHelper::WriterExists(MessageProcessor* pProcessor, const EntityId_t
 
 EndpointLoan DataSendHelper::BorrowWriter(MessageProcessor* pProcessor, const EntityId_t& writerId) {
     Participant* pParticipant = pProcessor != nullptr ? pProcessor->getOwner() : nullptr;
-    if (pParticipant == nullptr) return EndpointLoan();
     // The loan waits for another holder itself; it comes back empty only when waiting
-    // cannot help (gone, left taken, or held by this very thread).
-    EndpointLoan loan(pParticipant, writerId);
+    // cannot help (gone, left taken, or held by this very thread). The caller reports an
+    // absent writer in its own words.
+    EndpointLoan loan = EndpointLoan::IfExists(pParticipant, writerId);
     if (loan.as<Writer>() == nullptr) loan.Return();
     return loan;
 }
@@ -122,8 +122,7 @@ bool DataSendHelper::ComposeFrontOrFail(const Route& route, uint32_t& uiMessageL
 
 EndpointLoan DataSendHelper::BorrowWriterOrFail(const Route& route, const EntityId_t& writerId,
                                                 const char* szFailed, bool (*accept)(const Writer*)) {
-    EndpointLoan writer;
-    if (WriterExists(route.pProcessor, writerId)) writer = BorrowWriter(route.pProcessor, writerId);
+    EndpointLoan writer = BorrowWriter(route.pProcessor, writerId);
     const Writer* pWriter = writer.as<Writer>();
     if (pWriter != nullptr && (accept == nullptr || accept(pWriter))) return writer;
     // Gone before or during the wait, or not of the kind asked for.

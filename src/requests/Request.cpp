@@ -15,6 +15,7 @@ Request::Request(const char* szTypeName, const EntityId_t& entityId, MessageProc
       m_uiPriority(0),
       m_uiReserved(0),
       m_strTopicName(),
+      m_pTopicName(&m_strTopicName),
       m_EntityId(entityId),
       m_pMessageProcessor(pMessageProcessor),
       m_pMessageTransmitter(pMessageTransmitter),
@@ -25,7 +26,13 @@ Request::~Request() {}
 int Request::setTopicName(uint32_t uiDomainId, const std::string& strTopicName) {
     m_uiDomainId = uiDomainId;
     m_strTopicName = strTopicName;
+    m_pTopicName = &m_strTopicName;
     return 0;
+}
+
+void Request::setTopicNameView(uint32_t uiDomainId, const std::string& strTopicName) {
+    m_uiDomainId = uiDomainId;
+    m_pTopicName = &strTopicName;
 }
 
 Time_t Request::getStartTime() const {

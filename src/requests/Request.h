@@ -43,6 +43,9 @@ public:
     int setTopicName(const std::string& strTopicName, uint32_t uiDomainId) {
         return setTopicName(uiDomainId, strTopicName);
     }
+    // The same without a copy, for a request executed at once by its writer: the name must
+    // outlive the request.
+    void setTopicNameView(uint32_t uiDomainId, const std::string& strTopicName);
 
     // The times are read on the send and timer threads while the creator may
     // push them ahead (a writer does so with its periodic heartbeat), hence
@@ -56,7 +59,7 @@ public:
 
     const std::string& getTypeName() const { return m_strTypeName; }
     bool isHeartbeat() const { return m_strTypeName == REQUEST_TYPE_HEARTBEAT; }
-    const std::string& getTopicName() const { return m_strTopicName; }
+    const std::string& getTopicName() const { return *m_pTopicName; }
     uint32_t getDomainId() const { return m_uiDomainId; }
     const EntityId_t& getEntityId() const { return m_EntityId; }
     MessageProcessor* getMessageProcessor() const { return m_pMessageProcessor; }
@@ -74,6 +77,7 @@ protected:
     uint32_t m_uiPriority;                      // higher runs first
     uint32_t m_uiReserved;                      // always 0
     std::string m_strTopicName;                 // empty until setTopicName
+    const std::string* m_pTopicName;            // m_strTopicName, or a view's string
     EntityId_t m_EntityId;                      // the local endpoint it works for
     MessageProcessor* m_pMessageProcessor;      // not owned
     MessageTransmitter* m_pMessageTransmitter;  // not owned

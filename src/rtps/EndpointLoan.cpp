@@ -13,6 +13,11 @@ EndpointLoan EndpointLoan::MatchedReader(Participant* pParticipant, const GUID_t
                         static_cast<Endpoint*>(pParticipant->lookupMatchedReader(remoteWriter)));
 }
 
+EndpointLoan EndpointLoan::IfExists(Participant* pParticipant, const EntityId_t& entityId) {
+    if (pParticipant == nullptr) return EndpointLoan();
+    return EndpointLoan(pParticipant, pParticipant->takeEndpointIfExists(entityId));
+}
+
 EndpointLoan EndpointLoan::TryBorrow(Participant* pParticipant, const EntityId_t& entityId) {
     if (pParticipant == nullptr) return EndpointLoan();
     return EndpointLoan(pParticipant, pParticipant->tryTakeEndpoint(entityId));

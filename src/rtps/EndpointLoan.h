@@ -15,6 +15,8 @@ public:
     // Waits while another thread holds the endpoint. Empty when the id is unknown, when the
     // endpoint was left taken on purpose, or when this thread holds it already (each logged).
     EndpointLoan(Participant* pParticipant, const EntityId_t& entityId);
+    // As the constructor, but an unknown id is not logged (the caller reports it).
+    static EndpointLoan IfExists(Participant* pParticipant, const EntityId_t& entityId);
     // The local reader that discovery matched with the remote writer, as
     // Participant::lookupMatchedReader finds it.
     static EndpointLoan MatchedReader(Participant* pParticipant, const GUID_t& remoteWriter);

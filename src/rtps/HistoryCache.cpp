@@ -65,15 +65,14 @@ void HistoryCache::WriteLog(char* szLog) {
     DDSLogManagementFactory::WriteDDSLog(int(m_DomainId), szLog, strlen(szLog), DDSLOG_INFO, GUID_UNKNOWN);
 }
 
-int HistoryCache::AddChange(CacheChange* pCacheChange) {
+int HistoryCache::AddChange(CacheChange* pCacheChange, bool* pbKept) {
     // The token is kept by the add that fills the cache: the next add waits
     // here until a removal hands one back.
     m_SpaceSemaphore->Wait(Semaphore::INFINITE_WAIT);
     m_Mutex->Lock();
-    if (m_ChangesMap.find(pCacheChange->sequenceNumber) == m_ChangesMap.end()) {
-        m_ChangesMap[pCacheChange->sequenceNumber] = pCacheChange;
-        ++m_ChangeCount;
-    }
+    const bool bKept = m_ChangesMap.emplace(pCacheChange->sequenceNumber, pCacheChange).second;
+    if (bKept) ++m_ChangeCount;
+    if (pbKept != nullptr) *pbKept = bKept;
     if (m_ChangesMap.size() < m_Capacity) m_SpaceSemaphore->Post();
     m_Mutex->Unlock();
     return 0;

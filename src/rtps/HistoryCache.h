@@ -32,7 +32,8 @@ public:
 
     // Blocks while the cache is full, until a removal gives room. A change
     // whose key is already present is neither inserted nor freed. Returns 0.
-    int AddChange(CacheChange* pCacheChange);
+    // *pbKept (when given) tells whether this change went in.
+    int AddChange(CacheChange* pCacheChange, bool* pbKept = nullptr);
     // Look-up without removal; the value may be null (taken). The pointer is
     // unprotected afterwards: the caller must be the only remover.
     CacheChange* GetChange(SequenceNumber_t seqNum);

@@ -104,6 +104,9 @@ public:
     Endpoint* takeEndpoint(EntityId_t entityId);
     // As takeEndpoint, but null at once (and silently) when another thread holds it.
     Endpoint* tryTakeEndpoint(const EntityId_t& entityId);
+    // As takeEndpoint, but an unknown id is not logged: for callers that report it in their
+    // own words, with a single look-up.
+    Endpoint* takeEndpointIfExists(const EntityId_t& entityId);
     // 0, or 1 when the id has gone from the map (the endpoint then stays undeleted). Any
     // thread may give back, and giving back ends a keepEndpointTaken as well.
     int returnEndpoint(Endpoint* pEndpoint);
@@ -167,10 +170,11 @@ private:
         std::thread::id holder;   // default id: nobody holds it
         bool bKeptTaken = false;  // left taken on purpose; nobody will give it back
     };
-    enum BorrowMode { BORROW_WAIT, BORROW_NO_WAIT };
+    enum BorrowMode { BORROW_WAIT, BORROW_WAIT_QUIET, BORROW_NO_WAIT };
     // A second endpoint under one id replaces the first in the table, as it always did.
     void insertEndpoint(Endpoint* pEndpoint);
-    Endpoint* borrow(const EntityId_t& entityId, BorrowMode mode);
+    // *pbExists (when given) turns false when the id is not in the map.
+    Endpoint* borrow(const EntityId_t& entityId, BorrowMode mode, bool* pbExists = nullptr);
     // Waits until no thread holds the id, then erases it; false if it was not there (or is
     // held by the calling thread, which would wait for itself). Deletion happens after,
     // outside the lock.

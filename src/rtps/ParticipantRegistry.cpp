@@ -23,7 +23,11 @@ Endpoint* Participant::tryTakeEndpoint(const EntityId_t& entityId) {
     return borrow(entityId, BORROW_NO_WAIT);
 }
 
-Endpoint* Participant::borrow(const EntityId_t& entityId, BorrowMode mode) {
+Endpoint* Participant::takeEndpointIfExists(const EntityId_t& entityId) {
+    return borrow(entityId, BORROW_WAIT_QUIET);
+}
+
+Endpoint* Participant::borrow(const EntityId_t& entityId, BorrowMode mode, bool* pbExists) {
     const std::thread::id self = std::this_thread::get_id();
     const auto start = std::chrono::steady_clock::now();
     bool bWaitLogged = false;
@@ -33,6 +37,7 @@ Endpoint* Participant::borrow(const EntityId_t& entityId, BorrowMode mode) {
         if (it == m_EndpointMap.end()) {
             // Unknown, or deleted while we waited.
             lock.unlock();
+            if (pbExists != nullptr) *pbExists = false;
             if (mode == BORROW_WAIT) LogText("[Participant::takeEndpoint] Donot Exist");
             return nullptr;
         }
@@ -40,7 +45,7 @@ Endpoint* Participant::borrow(const EntityId_t& entityId, BorrowMode mode) {
         if (slot.bKeptTaken) {
             // Left out of the table on purpose: waiting for it would never end.
             lock.unlock();
-            if (mode == BORROW_WAIT) LogText("[Participant::takeEndpoint] Kept Taken and refused");
+            if (mode != BORROW_NO_WAIT) LogText("[Participant::takeEndpoint] Kept Taken and refused");
             return nullptr;
         }
         if (slot.holder == std::thread::id()) {
@@ -101,12 +106,13 @@ StatefulReader* Participant::lookupMatchedReader(GUID_t remoteWriter) {
         LogText("[Participant::lookupMatchedReader] pReader = ENTITYID_UNKNOW");
         return nullptr;
     }
-    if (!isEndpointExist(readerId)) {
+    // One look-up: an absent reader is reported here, not by the borrow.
+    bool bExists = true;
+    Endpoint* pEndpoint = borrow(readerId, BORROW_WAIT_QUIET, &bExists);
+    if (!bExists) {
         LogText("[Participant::lookupMatchedReader] Donot Exist");
         return nullptr;
     }
-    // takeEndpoint waits for a holder itself and gives null only when waiting cannot help.
-    Endpoint* pEndpoint = takeEndpoint(readerId);
     if (pEndpoint == nullptr) return nullptr;
     StatefulReader* pReader = dynamic_cast<StatefulReader*>(pEndpoint);
     if (pReader == nullptr) {

@@ -118,12 +118,11 @@ bool StatefulReader::AddToReaderCache(CacheChange* pCacheChange, DeliveryPath pa
         }
         m_ReaderCache->RemoveChange(oldest);
     }
-    m_ReaderCache->AddChange(pCacheChange);
-    // The key is present now, by this change or by an earlier one with the
-    // same key; only the process thread removes keys, so the look-up cannot miss.
-    // A slot taken meanwhile reads null: the change is then treated as kept.
-    CacheChange* pHeld = m_ReaderCache->GetChange(pCacheChange->sequenceNumber);
-    return pHeld == pCacheChange || pHeld == nullptr;
+    // A change whose key is present already (the same number twice, or one timestamp
+    // twice) is not kept.
+    bool bKept = false;
+    m_ReaderCache->AddChange(pCacheChange, &bKept);
+    return bKept;
 }
 
 void StatefulReader::NotifyDataReader(CacheChange* pCacheChange, bool bKept) {

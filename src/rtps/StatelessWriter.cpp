@@ -38,14 +38,15 @@ uint32_t StatelessWriter::logKey() const {
     return m_WriterCache != nullptr ? m_WriterCache->GetDomainId() : 0;
 }
 
-std::string StatelessWriter::topicName() const {
-    return m_WriterCache != nullptr ? m_WriterCache->GetTopicName() : std::string();
+const std::string& StatelessWriter::topicName() const {
+    static const std::string strNone;
+    return m_WriterCache != nullptr ? m_WriterCache->GetTopicName() : strNone;
 }
 
 ReturnCode_t StatelessWriter::DataSend(CacheChange* pCacheChange) {
     if (pCacheChange == nullptr) return 1;
     const uint32_t uiLogKey = logKey();
-    const std::string strTopicName = topicName();
+    const std::string& strTopicName = topicName();
     DDSLogManagementFactory* pLogFactory = DDSLogManagementFactory::GetInstance();
     if (pLogFactory != nullptr && pLogFactory->IsQueryTopic(int(uiLogKey), strTopicName)) {
         char szLog[200];
@@ -63,10 +64,10 @@ ReturnCode_t StatelessWriter::DataSend(CacheChange* pCacheChange) {
         delete pCacheChange;
         return 1;
     }
-    pRequest->setTopicName(uiLogKey, strTopicName);
-
     const Duration_t budget = m_Qos.latency_budget.duration;
     if (budget != DURATION_ZERO || m_Qos.publish_mode.kind == ASYNCHRONOUS_PUBLISH_MODE_QOS) {
+        // Queued: it may outlive the writer and its cache, so it keeps a copy of the name.
+        pRequest->setTopicName(uiLogKey, strTopicName);
         // The budget delays the send so that the send thread may batch it with others.
         const Time_t now = RequestScheduler::CurrentTime();
         pRequest->setStartTime(now);
@@ -80,6 +81,7 @@ ReturnCode_t StatelessWriter::DataSend(CacheChange* pCacheChange) {
         return 0;
     }
 
+    pRequest->setTopicNameView(uiLogKey, strTopicName);
     pRequest->Execute();
     delete pRequest;
     return 0;

@@ -45,5 +45,5 @@ protected:
 private:
     // Domain and topic of the writer's cache, for requests and log texts.
     uint32_t logKey() const;
-    std::string topicName() const;
+    const std::string& topicName() const;
 };
