@@ -26,7 +26,8 @@ CacheChange::CacheChange()
       reassembling(0),
       relevant(1),
       lifespan(DURATION_INFINITE),
-      m_StoredBytes(0) {}
+      m_StoredBytes(0),
+      m_ReceivedBytes(0) {}
 
 CacheChange::~CacheChange() {
     FreeFragments();
@@ -55,6 +56,7 @@ bool CacheChange::StoreFragment(uint32_t uiOffset, const octet* pData, uint32_t 
     if (data == nullptr && ulStoredAfter >= dataLength && !Assemble()) return false;
     if (data != nullptr) {
         memcpy(data + uiOffset, pData, uiCopy);
+        m_ReceivedBytes += uiCopy;
         return true;
     }
     octet* pBytes = AllocData(uiCopy);
@@ -62,6 +64,7 @@ bool CacheChange::StoreFragment(uint32_t uiOffset, const octet* pData, uint32_t 
     memcpy(pBytes, pData, uiCopy);
     m_Fragments.push_back(StoredFragment{uiOffset, uiCopy, pBytes});
     m_StoredBytes += uiCopy;
+    m_ReceivedBytes += uiCopy;
     return true;
 }
 

@@ -43,6 +43,11 @@ public:
     // fragments, copied in order of arrival, and frees them. True when `data`
     // is set (already or now); false when memory is short (nothing changed).
     bool Assemble();
+    // Whether enough of the sample has come to make it whole: at least half of its announced
+    // length. Every sample this system sends qualifies (whole, or short of the last stretch
+    // that an exact multiple of the fragment size never sends); an announcement of far more
+    // than was sent gets no block of that size.
+    bool WorthAssembling() const { return data != nullptr || 2 * m_ReceivedBytes >= dataLength; }
     // Memory this change holds: record, payload, inline QoS, stored
     // fragments and a charge per range of missing fragments.
     uint64_t HeldBytes() const;
@@ -73,4 +78,5 @@ private:
 
     std::vector<StoredFragment> m_Fragments;  // in order of arrival, while `data` is null
     uint64_t m_StoredBytes;                   // their lengths summed
+    uint64_t m_ReceivedBytes;                 // every fragment's bytes copied in, summed
 };

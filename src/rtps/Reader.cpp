@@ -1,11 +1,8 @@
 #include "rtps/Reader.h"
 
-#include "rtps/HistoryCache.h"
-
 Reader::Reader(const GUID_t& guidValue, const DataReaderQos& attributes, RequestScheduler* const* pSchedulers)
     : Endpoint(guidValue, uint32_t(attributes.reliability.kind)),
       m_ReaderCache(nullptr),
-      m_SecondCache(nullptr),
       m_Duration(),
       m_ReservedSeq(),
       m_DataReader(nullptr),
@@ -15,9 +12,7 @@ Reader::Reader(const GUID_t& guidValue, const DataReaderQos& attributes, Request
     m_Schedulers[1] = pSchedulers != nullptr ? pSchedulers[1] : nullptr;
 }
 
-Reader::~Reader() {
-    delete m_SecondCache;
-}
+Reader::~Reader() {}
 
 int Reader::getEndpointDuration(Time_t& duration) {
     duration = m_Duration;
@@ -26,16 +21,6 @@ int Reader::getEndpointDuration(Time_t& duration) {
 
 int Reader::afterCreate() {
     return 0;
-}
-
-void Reader::setReaderCache(HistoryCache* pCache) {
-    m_ReaderCache = pCache;
-    // A second call replaces the second cache instead of losing it.
-    delete m_SecondCache;
-    m_SecondCache = nullptr;
-    if (pCache == nullptr) return;
-    m_SecondCache = new HistoryCache(pCache->GetCapacity());
-    m_SecondCache->SetTopic(pCache->GetDomainId(), pCache->GetTopicName());
 }
 
 RequestScheduler* Reader::getScheduler(int iIndex) const {

@@ -20,7 +20,7 @@ public:
     // pSchedulers: element 0 the immediate, element 1 the periodic scheduler
     // (may be null, giving no schedulers).
     Reader(const GUID_t& guidValue, const DataReaderQos& attributes, RequestScheduler* const* pSchedulers);
-    // Deletes the second cache; the delivery cache belongs to the DataReaderImpl.
+    // The delivery cache belongs to the DataReaderImpl.
     ~Reader() override;
 
     int getEndpointDuration(Time_t& duration) override;
@@ -42,17 +42,14 @@ public:
     // The layer above (the DataReaderImpl) through its narrow sink interface.
     void setDataReader(ReaderDataSink* pDataReader) { m_DataReader = pDataReader; }
     ReaderDataSink* getDataReader() const { return m_DataReader; }
-    // Sets the delivery cache and makes a second cache of the same capacity,
-    // domain and topic.
-    void setReaderCache(HistoryCache* pCache);
+    // Sets the delivery cache.
+    void setReaderCache(HistoryCache* pCache) { m_ReaderCache = pCache; }
     HistoryCache* getReaderCache() const { return m_ReaderCache; }
-    HistoryCache* getSecondCache() const { return m_SecondCache; }
     const DataReaderQos& getQos() const { return m_Qos; }
     RequestScheduler* getScheduler(int iIndex) const;
 
 protected:
     HistoryCache* m_ReaderCache;     // owned by the DataReaderImpl
-    HistoryCache* m_SecondCache;     // owned
     Time_t m_Duration;               // answered by getEndpointDuration
     SequenceNumber_t m_ReservedSeq;  // not read
     RequestScheduler* m_Schedulers[2];

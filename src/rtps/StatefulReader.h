@@ -59,6 +59,9 @@ public:
     size_t getMatchedWriterCount() const { return m_MatchedWriter.size(); }
     // Bytes held in parked changes and reassembly stores, over all proxies.
     uint64_t getHeldBytes() const;
+    // The bound on those bytes (READER_HELD_BYTES_MAX unless lowered, as the fuzz harness does
+    // to reach the drop paths often).
+    void setHeldBytesMax(uint64_t ulMax) { m_HeldBytesMax = ulMax; }
 
 protected:
     std::map<GUID_t, WriterProxy*> m_MatchedWriter;  // owned proxies

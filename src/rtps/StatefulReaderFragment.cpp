@@ -156,6 +156,12 @@ int StatefulReader::DataFragMessageReceive(const MessageReceiver& receiver, cons
     if (bStored) {
         NoteFragment(pFragDataCache, uiFragmentNum);
         bComplete = IsComplete(pFragDataCache);
+        if (bComplete && !pFragDataCache->WorthAssembling()) {
+            // Complete by its numbers, yet far less came than it announced.
+            LogDrop("DataFragMessageReceive", "too little received for its size", "sample", writerSN);
+            WriterProxy::DeleteChange(pWriterProxy->release_change(entry));
+            return 1;
+        }
         // A complete sample becomes one block of its length.
         if (bComplete && pFragDataCache->reassembling != 0) {
             bStored = pFragDataCache->Assemble();

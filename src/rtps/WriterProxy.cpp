@@ -249,13 +249,14 @@ CacheChange* WriterProxy::getAvailableChanges(const SequenceNumber_t& maxSeq) {
             CacheChange* pCacheChange = release_change(it->second);
             const SequenceNumber_t seqNum = it->first;
             m_ChangesFromWriter.erase(it);
-            // A store passed over before it completed goes as far as it came.
+            // A store passed over before it completed goes as far as it came, if enough came.
             if (pCacheChange != nullptr && pCacheChange->reassembling != 0) {
                 pCacheChange->reassembling = 0;
-                if (!pCacheChange->Assemble()) {
+                const bool bWorth = pCacheChange->WorthAssembling();
+                if (!bWorth || !pCacheChange->Assemble()) {
                     snprintf(szLog, sizeof(szLog),
-                             "[WriterProxy::getAvailableChanges] no memory to assemble Seq = %d, dropped "
-                             "TopicName = %s",
+                             "[WriterProxy::getAvailableChanges] %s Seq = %d, dropped TopicName = %s",
+                             bWorth ? "no memory to assemble" : "too little received for its size",
                              int(seqNum.low), m_TopicName.c_str());
                     WriteLog(szLog);
                     DeleteChange(pCacheChange);

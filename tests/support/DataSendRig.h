@@ -3,25 +3,15 @@
 // recorder of log texts. Header-only; test threads only.
 #pragma once
 
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <cstdint>
 #include <cstring>
-#include <list>
 #include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "BasicTypes.h"
-#include "QosPolicy.h"
 #include "log/LogObserver.h"
 #include "messages/MessageTransmitter.h"
 #include "rtps/CacheChange.h"
-#include "rtps/Participant.h"
+#include "rtps/Participant.h"  // with the lists, strings, locks and threads used here
 #include "rtps/Writer.h"
 
 struct CapturedDatagram {
@@ -51,8 +41,7 @@ public:
     int MessageSend(Locator_t source, Locator_t destination, const octet* pMessage,
                     uint32_t uiLength) override {
         std::lock_guard<std::mutex> lock(m_Mutex);
-        m_Datagrams.push_back(
-            CapturedDatagram{source, destination, std::vector<uint8_t>(pMessage, pMessage + uiLength)});
+        m_Datagrams.push_back({source, destination, std::vector<uint8_t>(pMessage, pMessage + uiLength)});
         return 0;
     }
     int MessageSend(const Locator_t* pSource, const Locator_t* pDestination, const octet* pMessage,
@@ -98,13 +87,10 @@ class LogRecorder {
 public:
     LogRecorder() { SetLogObserver(&LogRecorder::Observe, this); }
     ~LogRecorder() { SetLogObserver(nullptr, nullptr); }
-    LogRecorder(const LogRecorder&) = delete;
-    LogRecorder& operator=(const LogRecorder&) = delete;
 
     int Count(const std::string& strText) {
-        int iCount = 0;
-        for (const LogEntry& entry : Entries()) iCount += entry.text == strText ? 1 : 0;
-        return iCount;
+        const std::vector<std::string> texts = Texts();
+        return int(std::count(texts.begin(), texts.end(), strText));
     }
     std::vector<std::string> Texts() {
         std::vector<std::string> texts;
@@ -128,8 +114,7 @@ private:
 };
 
 // A change that counts its deletions, so a test sees who freed it and when.
-class CountedChange : public CacheChange {
-public:
+struct CountedChange : CacheChange {
     ~CountedChange() override { ++Deleted(); }
     static std::atomic<int>& Deleted() {
         static std::atomic<int> s_iDeleted{0};
@@ -153,7 +138,7 @@ inline Locator_t UdpLocator(uint8_t a, uint8_t b, uint8_t c, uint8_t d, uint32_t
     Locator_t locator;
     locator.kind = LOCATOR_KIND_UDPv4;
     locator.port = uiPort;
-    locator.SetIPv4((uint32_t(a) << 24) | (uint32_t(b) << 16) | (uint32_t(c) << 8) | d);
+    locator.SetIPv4(uint32_t(a) << 24 | uint32_t(b) << 16 | uint32_t(c) << 8 | d);
     return locator;
 }
 
@@ -169,12 +154,10 @@ inline GUID_t ParticipantGuid(int iDomain, uint32_t uiParticipantId) {
 // A participant over the capturing transport; no thread, no socket until asked.
 class DataSendRig {
 public:
-    explicit DataSendRig(int iDomain = 3, uint32_t uiParticipantId = 1,
-                         DomainParticipantQos* pQos = nullptr) {
-        m_pParticipant.reset(new Participant(ParticipantGuid(iDomain, uiParticipantId), nullptr, iDomain,
-                                             pQos, &CapturingTransmitter::Make));
-        m_pTransmitter = static_cast<CapturingTransmitter*>(m_pParticipant->getMessageTransmitter());
-    }
+    explicit DataSendRig(int iDomain = 3, uint32_t uiParticipantId = 1, DomainParticipantQos* pQos = nullptr)
+        : m_pParticipant(new Participant(ParticipantGuid(iDomain, uiParticipantId), nullptr, iDomain, pQos,
+                                         &CapturingTransmitter::Make)),
+          m_pTransmitter(static_cast<CapturingTransmitter*>(m_pParticipant->getMessageTransmitter())) {}
 
     // A best-effort writer with one source locator.
     template <class W>

@@ -13,14 +13,11 @@ typedef std::vector<octet> Octets;
 
 struct Body {
     explicit Body(bool bLittle = true) : little(bLittle) {}
-    Body& U8(unsigned v) {
-        bytes.push_back(octet(v));
-        return *this;
-    }
+    Body& U8(unsigned v) { return Raw({octet(v)}); }
     Body& U16(unsigned v) { return little ? U8(v & 0xFF).U8(v >> 8 & 0xFF) : U8(v >> 8 & 0xFF).U8(v & 0xFF); }
     Body& U32(uint32_t v) { return little ? U16(v & 0xFFFF).U16(v >> 16) : U16(v >> 16).U16(v & 0xFFFF); }
     Body& Id(const EntityId_t& id) {
-        return U8(id.entityKey[0]).U8(id.entityKey[1]).U8(id.entityKey[2]).U8(id.entityKind);
+        return Raw({id.entityKey[0], id.entityKey[1], id.entityKey[2], id.entityKind});
     }
     Body& Seq(uint32_t low, uint32_t high = 0) { return U32(high).U32(low); }
     Body& Raw(const Octets& v) {

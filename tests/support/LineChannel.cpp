@@ -3,19 +3,10 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-
-namespace {
-
-int RemainingMs(std::chrono::steady_clock::time_point deadline) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    return left.count() > 0 ? int(left.count()) : 0;
-}
-
-}  // namespace
 
 LineChannel::LineChannel(int iReadFd, int iWriteFd) : m_iReadFd(iReadFd), m_iWriteFd(iWriteFd) {
     // A peer that dies must not kill the writer with SIGPIPE: Send reports it.
@@ -24,21 +15,13 @@ LineChannel::LineChannel(int iReadFd, int iWriteFd) : m_iReadFd(iReadFd), m_iWri
 
 LineChannel::~LineChannel() {
     if (m_iReadFd >= 0) close(m_iReadFd);
-    CloseWrite();
-}
-
-void LineChannel::CloseWrite() {
-    std::lock_guard<std::mutex> lock(m_SendMutex);
     if (m_iWriteFd >= 0) close(m_iWriteFd);
-    m_iWriteFd = -1;
 }
 
 bool LineChannel::Send(const std::string& strLine) {
     const std::string strOut = strLine + "\n";
     std::lock_guard<std::mutex> lock(m_SendMutex);
-    if (m_iWriteFd < 0) return false;
-    size_t uiDone = 0;
-    while (uiDone < strOut.size()) {
+    for (size_t uiDone = 0; uiDone < strOut.size();) {
         const ssize_t iWritten = write(m_iWriteFd, strOut.data() + uiDone, strOut.size() - uiDone);
         if (iWritten < 0 && errno == EINTR) continue;
         if (iWritten <= 0) return false;
@@ -47,18 +30,21 @@ bool LineChannel::Send(const std::string& strLine) {
     return true;
 }
 
-bool LineChannel::Receive(std::string* pLine, int iTimeoutMs) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(iTimeoutMs);
-    for (;;) {
-        const size_t uiEnd = m_Pending.find('\n');
-        if (uiEnd != std::string::npos) {
-            *pLine = m_Pending.substr(0, uiEnd);
+bool LineChannel::ReceiveTagged(const std::string& strPrefix, std::string* pRest, int iTimeoutMs) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(iTimeoutMs);
+    // Bounded by the deadline: every pass either takes a line or waits.
+    for (size_t uiEnd; m_iReadFd >= 0;) {
+        while ((uiEnd = m_Pending.find('\n')) != std::string::npos) {
+            const std::string strLine = m_Pending.substr(0, uiEnd);
             m_Pending.erase(0, uiEnd + 1);
+            if (strLine.compare(0, strPrefix.size(), strPrefix) != 0) continue;
+            *pRest = strLine.substr(strPrefix.size());
             return true;
         }
-        if (m_iReadFd < 0) return false;
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         pollfd fd = {m_iReadFd, POLLIN, 0};
-        const int iReady = poll(&fd, 1, RemainingMs(deadline));
+        const int iReady = poll(&fd, 1, int(std::max<long long>(0, left.count())));
         if (iReady < 0 && errno == EINTR) continue;
         if (iReady <= 0) return false;  // timed out, or failed
         char aBuffer[4096];
@@ -66,18 +52,6 @@ bool LineChannel::Receive(std::string* pLine, int iTimeoutMs) {
         if (iRead < 0 && errno == EINTR) continue;
         if (iRead <= 0) return false;  // end of stream: the writer has gone
         m_Pending.append(aBuffer, size_t(iRead));
-    }
-}
-
-bool LineChannel::ReceiveTagged(const std::string& strPrefix, std::string* pRest, int iTimeoutMs) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(iTimeoutMs);
-    std::string strLine;
-    // Bounded by the deadline: every pass either consumes a line or waits.
-    while (Receive(&strLine, RemainingMs(deadline))) {
-        if (strLine.compare(0, strPrefix.size(), strPrefix) == 0) {
-            *pRest = strLine.substr(strPrefix.size());
-            return true;
-        }
     }
     return false;
 }

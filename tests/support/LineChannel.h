@@ -12,19 +12,14 @@ public:
     LineChannel(int iReadFd, int iWriteFd);
     ~LineChannel();
 
-    LineChannel(const LineChannel&) = delete;
-    LineChannel& operator=(const LineChannel&) = delete;
-
     // Writes the line and a line end. False when the other side has gone.
     bool Send(const std::string& strLine);
     // The next line, without its end. False when none came within iTimeoutMs,
     // or the other side closed its end first.
-    bool Receive(std::string* pLine, int iTimeoutMs);
+    bool Receive(std::string* pLine, int iTimeoutMs) { return ReceiveTagged("", pLine, iTimeoutMs); }
     // Receives until a line starts with strPrefix and gives its rest (after the
     // prefix); other lines are skipped. The timeout bounds the whole wait.
     bool ReceiveTagged(const std::string& strPrefix, std::string* pRest, int iTimeoutMs);
-    // Stops sending: the other side then reads the end of the stream.
-    void CloseWrite();
 
 private:
     int m_iReadFd;

@@ -1,15 +1,9 @@
 #include "ManualMatch.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <list>
-#include <map>
-#include <sstream>
 
 #include "DataReader.h"
 #include "DataWriter.h"
-#include "DomainParticipant.h"
 #include "dcps/DataReaderImpl.h"
 #include "dcps/DataWriterImpl.h"
 #include "dcps/DomainParticipantImpl.h"
@@ -24,73 +18,18 @@
 
 namespace {
 
-const char* const kLineTag = "morvodds-peer";
-
-std::string Hex(const octet* p, size_t n) {
+std::string Hex(const void* p, size_t n) {
     static const char kDigits[] = "0123456789abcdef";
     std::string s;
-    for (size_t i = 0; i < n; ++i) {
-        s += kDigits[p[i] >> 4];
-        s += kDigits[p[i] & 0x0F];
-    }
+    for (const octet* q = static_cast<const octet*>(p); q < static_cast<const octet*>(p) + n; ++q)
+        s += {kDigits[*q >> 4], kDigits[*q & 0x0F]};
     return s;
 }
 
-bool FromHex(const std::string& s, octet* p, size_t n) {
-    if (s.size() != 2 * n) return false;
-    for (size_t i = 0; i < n; ++i) {
-        unsigned value = 0;
-        for (size_t j = 0; j < 2; ++j) {
-            const char c = s[2 * i + j];
-            unsigned digit;
-            if (c >= '0' && c <= '9')
-                digit = unsigned(c - '0');
-            else if (c >= 'a' && c <= 'f')
-                digit = unsigned(c - 'a' + 10);
-            else if (c >= 'A' && c <= 'F')
-                digit = unsigned(c - 'A' + 10);
-            else
-                return false;
-            value = value * 16 + digit;
-        }
-        p[i] = octet(value);
-    }
-    return true;
-}
-
-// A plain decimal number that fits `max`; nothing else around it.
-bool FromDecimal(const std::string& s, unsigned long long max, unsigned long long* pOut) {
-    if (s.empty() || s.size() > 20) return false;
-    unsigned long long value = 0;
-    for (char c : s) {
-        if (c < '0' || c > '9') return false;
-        value = value * 10 + unsigned(c - '0');
-        if (value > max) return false;
-    }
-    *pOut = value;
-    return true;
-}
-
-std::string Dotted(uint32_t uiAddress) {
-    char sz[16];
-    std::snprintf(sz, sizeof(sz), "%u.%u.%u.%u", uiAddress >> 24, (uiAddress >> 16) & 0xFF,
-                  (uiAddress >> 8) & 0xFF, uiAddress & 0xFF);
-    return sz;
-}
-
-bool FromDotted(const std::string& s, uint32_t* pOut) {
-    uint32_t uiAddress = 0;
-    size_t uiStart = 0;
-    for (int i = 0; i < 4; ++i) {
-        const size_t uiEnd = i < 3 ? s.find('.', uiStart) : s.size();
-        if (uiEnd == std::string::npos) return false;
-        unsigned long long part = 0;
-        if (!FromDecimal(s.substr(uiStart, uiEnd - uiStart), 255, &part)) return false;
-        uiAddress = (uiAddress << 8) | uint32_t(part);
-        uiStart = uiEnd + 1;
-    }
-    *pOut = uiAddress;
-    return true;
+// Two hex digits per octet; the caller has checked the digits.
+void FromHex(const std::string& s, void* p) {
+    for (size_t i = 0; i < s.size() / 2; ++i)
+        static_cast<octet*>(p)[i] = octet(std::stoul(s.substr(2 * i, 2), nullptr, 16));
 }
 
 Participant* RtpsParticipantOf(DomainParticipantImpl* pImpl) {
@@ -129,44 +68,37 @@ bool ManualMatch::Describe(DomainParticipant* pParticipant, DataWriter* pWriter,
 }
 
 std::string ManualMatch::Format(const ManualMatchPeer& peer) {
-    std::ostringstream line;
-    line << kLineTag << " prefix=" << Hex(peer.prefix.value, 12) << " domain=" << peer.domainId
-         << " participant=" << peer.participantId << " address=" << Dotted(peer.address)
-         << " port=" << peer.userUnicastPort
-         << " writer=" << Hex(reinterpret_cast<const octet*>(&peer.writerId), 4)
-         << " reader=" << Hex(reinterpret_cast<const octet*>(&peer.readerId), 4);
-    return line.str();
+    const uint32_t a = peer.address;
+    char sz[200];
+    std::snprintf(sz, sizeof(sz),
+                  "morvodds-peer prefix=%s domain=%d participant=%u address=%u.%u.%u.%u port=%u writer=%s "
+                  "reader=%s",
+                  Hex(peer.prefix.value, 12).c_str(), peer.domainId, peer.participantId, a >> 24,
+                  a >> 16 & 0xFF, a >> 8 & 0xFF, a & 0xFF, peer.userUnicastPort,
+                  Hex(&peer.writerId, 4).c_str(), Hex(&peer.readerId, 4).c_str());
+    return sz;
 }
 
 bool ManualMatch::Parse(const std::string& strLine, ManualMatchPeer* pOut) {
-    if (pOut == nullptr) return false;
-    std::istringstream words(strLine);
-    std::string strWord;
-    if (!(words >> strWord) || strWord != kLineTag) return false;
-    std::map<std::string, std::string> fields;
-    while (words >> strWord) {
-        const size_t uiEqual = strWord.find('=');
-        if (uiEqual == std::string::npos || uiEqual == 0) return false;
-        if (!fields.emplace(strWord.substr(0, uiEqual), strWord.substr(uiEqual + 1)).second) return false;
-    }
-    static const char* const kKeys[] = {"prefix", "domain", "participant", "address",
-                                        "port",   "writer", "reader"};
-    if (fields.size() != sizeof(kKeys) / sizeof(kKeys[0])) return false;
-    for (const char* szKey : kKeys)
-        if (fields.count(szKey) == 0) return false;
-
+    char szPrefix[25], szWriter[9], szReader[9];
+    unsigned a[4], uiPort;
     ManualMatchPeer peer;
-    unsigned long long domain = 0, participant = 0, port = 0;
-    if (!FromHex(fields["prefix"], peer.prefix.value, 12) ||
-        !FromDecimal(fields["domain"], 0x7FFFFFFF, &domain) ||
-        !FromDecimal(fields["participant"], 0xFFFFFFFF, &participant) ||
-        !FromDotted(fields["address"], &peer.address) || !FromDecimal(fields["port"], 0xFFFF, &port) ||
-        !FromHex(fields["writer"], reinterpret_cast<octet*>(&peer.writerId), 4) ||
-        !FromHex(fields["reader"], reinterpret_cast<octet*>(&peer.readerId), 4))
+    if (pOut == nullptr ||
+        std::sscanf(strLine.c_str(),
+                    "morvodds-peer prefix=%24[0-9a-f] domain=%d participant=%u address=%u.%u.%u.%u port=%u "
+                    "writer=%8[0-9a-f] reader=%8[0-9a-f]",
+                    szPrefix, &peer.domainId, &peer.participantId, &a[0], &a[1], &a[2], &a[3], &uiPort,
+                    szWriter, szReader) != 10 ||
+        peer.domainId < 0 || uiPort > 0xFFFF)
         return false;
-    peer.domainId = int(domain);
-    peer.participantId = uint32_t(participant);
-    peer.userUnicastPort = uint32_t(port);
+    peer.address = a[0] << 24 | a[1] << 16 | a[2] << 8 | a[3];
+    peer.userUnicastPort = uiPort;
+    FromHex(szPrefix, peer.prefix.value);
+    FromHex(szWriter, &peer.writerId);
+    FromHex(szReader, &peer.readerId);
+    // Anything Format would not give back, such as a short field or a number out of
+    // range, is refused; trailing white space is not.
+    if (Format(peer) != strLine.substr(0, strLine.find_last_not_of(" \t\r\n") + 1)) return false;
     *pOut = peer;
     return true;
 }

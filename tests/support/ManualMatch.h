@@ -23,7 +23,6 @@ struct ManualMatchPeer {
     EntityId_t readerId = ENTITYID_UNKNOWN;  // ENTITYID_UNKNOWN: no reader
 
     GUID_t writerGuid() const { return GUID_t(prefix, writerId); }
-    GUID_t readerGuid() const { return GUID_t(prefix, readerId); }
     // Where this participant's user traffic arrives.
     Locator_t userUnicastLocator() const;
 };

@@ -1,210 +1,96 @@
 #include "NetnsGuard.h"
 
-#include <arpa/inet.h>
+#include <netdb.h>
 #include <ifaddrs.h>
 #include <net/if.h>
-#include <netinet/in.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
+#include <set>
 #include <thread>
-#include <utility>
 
 namespace {
 
-const char* const kRefusing = "refusing to open sockets: ";
-const char* const kHint = " (run the test through scripts/netns-run)";
-
-NetnsInterface* FindOrAdd(std::vector<NetnsInterface>* interfaces, const char* name) {
-    for (NetnsInterface& itf : *interfaces) {
-        if (itf.name == name) return &itf;
-    }
-    interfaces->push_back(NetnsInterface{});
-    interfaces->back().name = name;
-    return &interfaces->back();
+// Addresses a test namespace may carry: loopback, link-local (veths get one on
+// their own) and the test hosts' 10.9.0.0/24.
+bool AddressAllowed(const std::string& s) {
+    return s.rfind("127.", 0) == 0 || s.rfind("10.9.0.", 0) == 0 || s == "::1" || s.rfind("fe80:", 0) == 0;
 }
 
-std::string AddressText(const struct sockaddr* pAddr) {
-    char szText[INET6_ADDRSTRLEN] = {0};
-    if (pAddr->sa_family == AF_INET) {
-        const auto* pIn = reinterpret_cast<const struct sockaddr_in*>(pAddr);
-        inet_ntop(AF_INET, &pIn->sin_addr, szText, sizeof(szText));
-    } else {
-        const auto* pIn6 = reinterpret_cast<const struct sockaddr_in6*>(pAddr);
-        inet_ntop(AF_INET6, &pIn6->sin6_addr, szText, sizeof(szText));
-    }
-    return szText;
+bool NameAllowed(const std::string& name, const std::vector<std::string>& allowed) {
+    return name == "lo" || std::any_of(allowed.begin(), allowed.end(), [&name](const std::string& prefix) {
+               return !prefix.empty() && name.rfind(prefix, 0) == 0;
+           });
 }
 
-// Addresses a test namespace may carry: loopback, link-local (veths get one
-// on their own) and the test hosts' 10.9.0.0/24.
-bool AddressAllowed(const std::string& strAddress) {
-    if (strAddress.find(':') != std::string::npos) {
-        return strAddress == "::1" || strAddress.rfind("fe80:", 0) == 0;
+struct GuardEnvironment : ::testing::Environment {
+    explicit GuardEnvironment(std::vector<std::string> allowedNames) : allowed(std::move(allowedNames)) {}
+    void SetUp() override {
+        std::string strWhy;
+        if (!NetnsReadyForSockets(&strWhy, allowed)) GTEST_FAIL() << strWhy;
     }
-    return strAddress.rfind("127.", 0) == 0 || strAddress.rfind("10.9.0.", 0) == 0;
-}
-
-std::string Join(const std::vector<std::string>& items) {
-    std::string strOut;
-    for (const std::string& item : items) {
-        if (!strOut.empty()) strOut += ", ";
-        strOut += item;
-    }
-    return strOut;
-}
-
-}  // namespace
-
-bool NetnsListInterfaces(std::vector<NetnsInterface>* interfaces, std::string* why) {
-    interfaces->clear();
-    bool bAnySource = false;
-
-    // if_nameindex lists interfaces that have no address as well.
-    if (struct if_nameindex* pIndex = if_nameindex()) {
-        bAnySource = true;
-        for (struct if_nameindex* p = pIndex; p->if_index != 0 && p->if_name; ++p) {
-            FindOrAdd(interfaces, p->if_name);
-        }
-        if_freenameindex(pIndex);
-    }
-
-    // getifaddrs brings the flags (one AF_PACKET entry per link) and addresses.
-    struct ifaddrs* pAddrs = nullptr;
-    if (getifaddrs(&pAddrs) == 0) {
-        bAnySource = true;
-        for (struct ifaddrs* p = pAddrs; p; p = p->ifa_next) {
-            if (!p->ifa_name) continue;
-            NetnsInterface* pItf = FindOrAdd(interfaces, p->ifa_name);
-            pItf->flags = p->ifa_flags;
-            pItf->hasFlags = true;
-            if (p->ifa_addr && (p->ifa_addr->sa_family == AF_INET || p->ifa_addr->sa_family == AF_INET6)) {
-                pItf->addresses.push_back(AddressText(p->ifa_addr));
-            }
-        }
-        freeifaddrs(pAddrs);
-    }
-
-    if (!bAnySource) {
-        if (why) {
-            *why = std::string(kRefusing) + "cannot list the network interfaces: " + std::strerror(errno) +
-                   kHint;
-        }
-        return false;
-    }
-    return true;
-}
-
-bool NetnsNameAllowed(const std::string& name, const std::vector<std::string>& allowed) {
-    if (name == "lo") return true;
-    return std::any_of(allowed.begin(), allowed.end(), [&name](const std::string& prefix) {
-        return !prefix.empty() && name.rfind(prefix, 0) == 0;
-    });
-}
-
-bool NetnsIsPrivate(std::string* why, const std::vector<std::string>& allowed) {
-    std::vector<NetnsInterface> interfaces;
-    if (!NetnsListInterfaces(&interfaces, why)) return false;
-
-    std::vector<std::string> foreign;
-    std::vector<std::string> outsideAddresses;
-    for (const NetnsInterface& itf : interfaces) {
-        if (!NetnsNameAllowed(itf.name, allowed)) {
-            foreign.push_back(itf.name);
-            continue;
-        }
-        if (itf.name == "lo") continue;
-        for (const std::string& strAddress : itf.addresses) {
-            if (!AddressAllowed(strAddress)) outsideAddresses.push_back(itf.name + " " + strAddress);
-        }
-    }
-
-    if (!foreign.empty()) {
-        if (why) {
-            *why = std::string(kRefusing) +
-                   "this network namespace has interfaces other than loopback: " + Join(foreign) + kHint;
-        }
-        return false;
-    }
-    if (!outsideAddresses.empty()) {
-        if (why) {
-            *why = std::string(kRefusing) +
-                   "interfaces carry addresses outside loopback and the test hosts' 10.9.0.0/24: " +
-                   Join(outsideAddresses) + kHint;
-        }
-        return false;
-    }
-    return true;
-}
-
-bool NetnsLoopbackReady(std::string* why) {
-    std::vector<NetnsInterface> interfaces;
-    if (!NetnsListInterfaces(&interfaces, why)) return false;
-
-    auto it = std::find_if(interfaces.begin(), interfaces.end(),
-                           [](const NetnsInterface& itf) { return itf.name == "lo"; });
-    std::string strProblem;
-    if (it == interfaces.end()) {
-        strProblem = "there is no loopback interface lo";
-    } else if (!it->hasFlags) {
-        strProblem = "the flags of lo cannot be read";
-    } else {
-        std::vector<std::string> missing;
-        if (!(it->flags & IFF_UP)) missing.push_back("UP");
-        if (!(it->flags & IFF_MULTICAST)) missing.push_back("MULTICAST");
-        if (!missing.empty()) {
-            strProblem = "loopback lo is not ready for multicast, missing flags: " + Join(missing);
-        }
-    }
-    if (strProblem.empty()) return true;
-    if (why) *why = kRefusing + strProblem + kHint;
-    return false;
-}
-
-bool NetnsReadyForSockets(std::string* why, const std::vector<std::string>& allowed) {
-    return NetnsIsPrivate(why, allowed) && NetnsLoopbackReady(why);
-}
-
-NetnsGuardEnvironment::NetnsGuardEnvironment(std::vector<std::string> allowed)
-    : m_Allowed(std::move(allowed)) {}
-
-void NetnsGuardEnvironment::SetUp() {
-    std::string strWhy;
-    if (!NetnsReadyForSockets(&strWhy, m_Allowed)) {
-        GTEST_FAIL() << strWhy;
-    }
-}
-
-void AddNetnsGuardEnvironment(const std::vector<std::string>& allowed) {
-    // GoogleTest owns and deletes registered environments.
-    ::testing::AddGlobalTestEnvironment(new NetnsGuardEnvironment(allowed));
-}
-
-namespace {
+    std::vector<std::string> allowed;
+};
 
 using Clock = std::chrono::steady_clock;
 
-// Shared polling loop: returns as soon as pred() == stopOn, else pred()'s
-// value at the end of the period. Bounded by time and by poll count.
+// Returns as soon as pred() == stopOn, else pred()'s value when the period has
+// passed. Bounded by time and by poll count.
 bool Poll(const std::function<bool()>& pred, int period_ms, int step_ms, bool stopOn) {
     if (!pred) return false;
-    if (period_ms < 0) period_ms = 0;
-    if (step_ms < 1) step_ms = 1;
+    period_ms = std::max(period_ms, 0);
+    const std::chrono::milliseconds step(std::max(step_ms, 1));
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(period_ms);
-    const long maxPolls = period_ms / step_ms + 1;
-    for (long i = 0; i < maxPolls; ++i) {
+    for (long i = period_ms / step.count() + 1; i > 0 && Clock::now() < deadline; --i) {
         if (pred() == stopOn) return stopOn;
-        const Clock::time_point now = Clock::now();
-        if (now >= deadline) break;
-        std::this_thread::sleep_for(
-            std::min<Clock::duration>(std::chrono::milliseconds(step_ms), deadline - now));
+        std::this_thread::sleep_for(std::min<Clock::duration>(step, deadline - Clock::now()));
     }
     return pred();
 }
 
 }  // namespace
+
+bool NetnsReadyForSockets(std::string* why, const std::vector<std::string>& allowed) {
+    // getifaddrs sees only this namespace, unlike /sys/class/net, and lists every
+    // link (an AF_PACKET entry with its flags), then every address.
+    struct ifaddrs* pAddrs = nullptr;
+    std::string strProblem = getifaddrs(&pAddrs) != 0 ? "cannot list the network interfaces" : "";
+    std::set<std::string> foreign;
+    std::string strOutside;
+    unsigned uiLoFlags = 0;
+    for (struct ifaddrs* p = pAddrs; p; p = p->ifa_next) {
+        const std::string name = p->ifa_name ? p->ifa_name : "";
+        const int iFamily = p->ifa_addr ? p->ifa_addr->sa_family : 0;
+        char szAddress[NI_MAXHOST] = {0};  // numeric, so no name is looked up
+        if (iFamily == AF_INET || iFamily == AF_INET6)
+            getnameinfo(p->ifa_addr, iFamily == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6),
+                        szAddress, sizeof(szAddress), nullptr, 0, NI_NUMERICHOST);
+        if (name == "lo")
+            uiLoFlags |= p->ifa_flags;
+        else if (!NameAllowed(name, allowed))
+            foreign.insert(name);
+        else if (*szAddress != '\0' && !AddressAllowed(szAddress))
+            strOutside += " " + name + " " + szAddress;
+    }
+    if (pAddrs) freeifaddrs(pAddrs);
+    if (strProblem.empty() && !foreign.empty()) {
+        strProblem = "this network namespace has interfaces other than loopback:";
+        for (const std::string& name : foreign) strProblem += " " + name;
+    }
+    if (strProblem.empty() && !strOutside.empty())
+        strProblem =
+            "interfaces carry addresses outside loopback and the test hosts' 10.9.0.0/24:" + strOutside;
+    if (strProblem.empty() && (uiLoFlags & (IFF_UP | IFF_MULTICAST)) != (IFF_UP | IFF_MULTICAST))
+        strProblem = "loopback lo is missing or not up with multicast";
+    if (strProblem.empty()) return true;
+    if (why) *why = "refusing to open sockets: " + strProblem + " (run the test through scripts/netns-run)";
+    return false;
+}
+
+void AddNetnsGuardEnvironment(const std::vector<std::string>& allowed) {
+    // GoogleTest owns and deletes registered environments.
+    ::testing::AddGlobalTestEnvironment(new GuardEnvironment(allowed));
+}
 
 bool WaitFor(std::function<bool()> pred, int timeout_ms, int step_ms) {
     return Poll(pred, timeout_ms, step_ms, true);

@@ -17,12 +17,8 @@ public:
     static constexpr int CHILD_READ_FD = 100;
     static constexpr int CHILD_WRITE_FD = 101;
 
-    PeerProcess() = default;
     // Kills and reaps a child still running.
-    ~PeerProcess();
-
-    PeerProcess(const PeerProcess&) = delete;
-    PeerProcess& operator=(const PeerProcess&) = delete;
+    ~PeerProcess() { Wait(0); }
 
     // Runs strProgram with the arguments (argv[0] is added). False, with *pWhy
     // set, when the pipes or the spawn failed.
@@ -33,6 +29,8 @@ public:
     // Waits at most iTimeoutMs for the child to end, then kills it. The exit
     // status, or -1 when it had to be killed or was never started.
     int Wait(int iTimeoutMs);
+    // The same for any child process of this one.
+    static int WaitChild(pid_t pid, int iTimeoutMs);
 
 private:
     pid_t m_Pid = -1;

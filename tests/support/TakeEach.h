@@ -1,10 +1,7 @@
 // Takes every sample a reader holds. take hands over every other sample per call,
 // so a reader that wants them all calls it until a call brings nothing. Runs on
 // whatever thread calls it (usually the process thread, inside on_data_available).
-#ifndef MORVODDS_TESTSUPPORT_TAKEEACH_H
-#define MORVODDS_TESTSUPPORT_TAKEEACH_H
-
-#include <vector>
+#pragma once
 
 #include "DataReader.h"
 
@@ -24,5 +21,3 @@ void TakeEach(DataReader* pReader, Fn fn, int iCallsMax = 16) {
         if (!bAny) break;
     }
 }
-
-#endif

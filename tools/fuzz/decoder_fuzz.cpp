@@ -56,6 +56,8 @@ const EntityId_t kBuiltinWriters[] = {
     ENTITYID_SPDP_BUILTIN_PARTICIPANT_WRITER, ENTITYID_SEDP_BUILTIN_PUBLICATIONS_WRITER,
     ENTITYID_SEDP_BUILTIN_SUBSCRIPTIONS_WRITER, ENTITYID_P2P_BUILTIN_PARTICIPANT_MESSAGE_WRITER};
 const uint32_t kCacheDepth = 8;
+// Low, so that inputs reach the reader's drop paths and a long run stays small.
+const uint64_t kHeldBytesMax = 16u << 20;
 
 volatile uint32_t g_uiSink;  // keeps the reads of delivered bytes
 
@@ -135,6 +137,7 @@ private:
         qos.reliability.kind = kind;
         StatefulReader* pReader = m_Participant.createReader(qos, id);
         if (pReader == nullptr) abort();
+        pReader->setHeldBytesMax(kHeldBytesMax);
         m_Caches.emplace_back(new HistoryCache(kCacheDepth));
         pReader->setReaderCache(m_Caches.back().get());
         pReader->setDataReader(&m_Sink);

@@ -2,31 +2,20 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <functional>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "DDSLogManagementFactory.h"
-#include "DataSendRig.h"
-#include "NetnsGuard.h"
-#include "rtps/CacheChange.h"
+#include "RtpsFixture.h"
 
 namespace {
-SequenceNumber_t Sn(uint32_t low) {
-    return SequenceNumber_t(0, low);
-}
-
 // Runs AddChange on a thread of its own so that a blocking add can be watched
 // with bounded waits. If the add never finishes, the thread is detached and
 // the cache must outlive the process (tests allocate it on the heap for this).
 class AsyncAdd {
 public:
-    AsyncAdd(HistoryCache* pCache, CacheChange* pChange)
-        : m_Thread([this, pCache, pChange] {
-              pCache->AddChange(pChange);
+    AsyncAdd(HistoryCache* pCache, uint32_t uiSeq)
+        : m_Thread([this, pCache, uiSeq] {
+              pCache->AddChange(MakeChange(uiSeq));
               m_Done = true;
           }) {}
     ~AsyncAdd() { m_Done ? m_Thread.join() : m_Thread.detach(); }
@@ -42,191 +31,117 @@ private:
     std::thread m_Thread;
 };
 
-Time_t g_Now;
-Time_t FakeNow() {
-    return g_Now;
+CacheChange* Stamped(uint32_t uiSeq, const Time_t& stamp, const Time_t& lifespan) {
+    CacheChange* pChange = MakeChange(uiSeq);
+    pChange->sourceTimestamp = stamp;
+    pChange->lifespan = lifespan;
+    return pChange;
 }
+
+using HistoryCache_lifespan = RtpsTest;
 }  // namespace
 
-// ---------------------------------------------------------------- store and semaphore
-
-TEST(HistoryCache, DuplicateKeyIsDroppedButTokenComesBack) {
+TEST(HistoryCache, AddWaitsOnlyOnAFullCacheAndEachRemovalLetsOneThrough) {
     HistoryCache* pCache = new HistoryCache(3);
-    CacheChange* pFirst = MakeChange(1);
-    CacheChange* pSecond = MakeChange(1);
+    CacheChange *pFirst = MakeChange(1), *pDuplicate = MakeChange(1);
     pCache->AddChange(pFirst);
-    pCache->AddChange(pSecond);
-    EXPECT_EQ(1u, pCache->GetChangeCount());
+    pCache->AddChange(pDuplicate);  // dropped, and its slot token comes back
     EXPECT_EQ(pFirst, pCache->GetChange(Sn(1)));
-    // Three slots, one used: two more adds go through without waiting.
-    AsyncAdd second(pCache, MakeChange(2));
-    ASSERT_TRUE(second.Finishes());
-    AsyncAdd third(pCache, MakeChange(3));
-    ASSERT_TRUE(third.Finishes());
+    AsyncAdd second(pCache, 2), third(pCache, 3);
+    ASSERT_TRUE(second.Finishes() && third.Finishes());
     EXPECT_TRUE(pCache->IsFull());
-    CacheChange::FreeData(pSecond->data);  // not freed by the cache (ASan would report a double free)
-    delete pSecond;
+    for (uint32_t uiSeq : {4u, 5u}) {
+        AsyncAdd add(pCache, uiSeq);
+        ASSERT_TRUE(add.Blocked());
+        EXPECT_EQ(0, pCache->RemoveChange(Sn(uiSeq - 3)));
+        ASSERT_TRUE(add.Finishes());
+    }
+    EXPECT_EQ(std::make_tuple(Sn(3), Sn(5)), std::make_tuple(pCache->GetSeqNumMin(), pCache->GetSeqNumMax()));
+    CacheChange::FreeData(pDuplicate->data);  // not the cache's (ASan would report a double free)
+    delete pDuplicate;
     delete pCache;
 }
-
-TEST(HistoryCache, AddOnFullCacheBlocksAndEachRemovalLetsExactlyOneThrough) {
-    HistoryCache* pCache = new HistoryCache(2);
-    pCache->AddChange(MakeChange(1));
-    pCache->AddChange(MakeChange(2));
-    ASSERT_TRUE(pCache->IsFull());
-    AsyncAdd third(pCache, MakeChange(3));
-    ASSERT_TRUE(third.Blocked()) << "an add on a full cache must wait for a removal";
-    EXPECT_EQ(0, pCache->RemoveChange(Sn(1)));
-    ASSERT_TRUE(third.Finishes());
-    EXPECT_EQ(Sn(2), pCache->GetSeqNumMin());
-    EXPECT_EQ(Sn(3), pCache->GetSeqNumMax());
-
-    AsyncAdd fourth(pCache, MakeChange(4));
-    ASSERT_TRUE(fourth.Blocked());
-    pCache->RemoveChange(Sn(2));
-    ASSERT_TRUE(fourth.Finishes());
-    delete pCache;
-}
-
-// ---------------------------------------------------------------- failing look-ups
 
 TEST(HistoryCache, FailedLookupsLogOneInfoLineAndChangeNothing) {
-    struct Case {
-        bool bFilled;                                // holds keys 1 and 2
-        std::function<bool(HistoryCache&)> fnFails;  // the call and its failure answer
-        const char* szLog;                           // "" : nothing logged
-        const char* szConsole;                       // "" : nothing printed
+    // Whether the cache holds keys 1 and 2, and the call that must fail.
+    const std::pair<bool, std::function<bool(HistoryCache&)>> aCases[] = {
+        {false, [](HistoryCache& c) { return c.RemoveChange(Sn(5)) == -1; }},
+        {true, [](HistoryCache& c) { return c.RemoveChange(SequenceNumber_t(3, 9)) == -1; }},
+        {true, [](HistoryCache& c) { return c.GetChange(Sn(4)) == nullptr; }},
+        {true, [](HistoryCache& c) { return c.takeChange(Sn(8)) == nullptr; }},
+        {false, [](HistoryCache& c) { return c.GetSeqNumMin() == SEQUENCENUMBER_UNKNOWN; }},
+        {false, [](HistoryCache& c) { return c.GetSeqNumAt(0) == SEQUENCENUMBER_UNKNOWN; }},  // logs nothing
     };
-    const Case aCases[] = {
-        {false, [](HistoryCache& c) { return c.RemoveChange(Sn(5)) == -1; },
-         "[HistoryCache::RemoveChange] m_ChangesMap.empty = NULL and TopicName = Square and SeqNum = 5", ""},
-        // Logs print only the low word.
-        {true, [](HistoryCache& c) { return c.RemoveChange(SequenceNumber_t(3, 9)) == -1; },
-         "[HistoryCache::RemoveChange] m_ChangesMap.end() and TopicName = Square and SeqNum = 9",
-         " HistoryCache::RemoveChange Error\n"},
-        {false, [](HistoryCache& c) { return c.GetChange(Sn(2)) == nullptr; },
-         "[HistoryCache::GetChange] m_ChangesMap.empty() and  TopicName = Square SeqNum = 2", ""},
-        {true, [](HistoryCache& c) { return c.GetChange(Sn(4)) == nullptr; },
-         "[HistoryCache::GetChange] m_ChangesMap.end() and TopicName = Square SeqNum = 4",
-         " HistoryCache::GetChange Error\n"},
-        {true, [](HistoryCache& c) { return c.takeChange(Sn(8)) == nullptr; },
-         "[HistoryCache::takeChange] pCacheChange = NULL and TopicName = Square Seq = 8 MapSize = 2", ""},
-        {false, [](HistoryCache& c) { return c.GetSeqNumMin() == SEQUENCENUMBER_UNKNOWN; },
-         "[HistoryCache::GetSeqNumMin] m_ChangesMap.empty and TopicName = Square", ""},
-        {false, [](HistoryCache& c) { return c.GetSeqNumMax() == SEQUENCENUMBER_UNKNOWN; },
-         "[HistoryCache::GetSeqNumMax] m_ChangesMap.empty and TopicName = Square", ""},
-        {false, [](HistoryCache& c) { return c.GetSeqNumAt(0) == SEQUENCENUMBER_UNKNOWN; }, "", ""},
-    };
-    for (const Case& c : aCases) {
-        SCOPED_TRACE(c.szLog);
+    LogRecorder logs;
+    for (const auto& [bFilled, fnFails] : aCases) {
         HistoryCache cache(4);
         cache.SetTopic(7, "Square");
-        for (uint32_t i = 1; c.bFilled && i <= 2; ++i) cache.AddChange(MakeChange(i));
-        LogRecorder logs;
-        testing::internal::CaptureStdout();
-        EXPECT_TRUE(c.fnFails(cache));
-        const std::string strConsole = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(c.szConsole[0] == '\0', strConsole.empty());
-        EXPECT_NE(std::string::npos, strConsole.find(c.szConsole));
-        EXPECT_EQ(c.bFilled ? 2u : 0u, cache.GetChangeCount());
-        const std::vector<std::string> expected =
-            c.szLog[0] == '\0' ? std::vector<std::string>() : std::vector<std::string>{c.szLog};
-        EXPECT_EQ(expected, logs.Texts());
-        for (const LogEntry& entry : logs.Entries()) EXPECT_TRUE(entry.key == 7 && entry.code == DDSLOG_INFO);
+        for (uint32_t i = 1; bFilled && i <= 2; ++i) cache.AddChange(MakeChange(i));
+        EXPECT_TRUE(fnFails(cache)) << logs.Entries().size();
+        EXPECT_EQ(bFilled ? 2u : 0u, cache.GetChangeCount());
     }
+    EXPECT_EQ(5u, logs.Entries().size());
+    EXPECT_EQ(1,
+              logs.Count("[HistoryCache::RemoveChange] m_ChangesMap.empty = NULL and TopicName = Square and "
+                         "SeqNum = 5"));
 }
 
-// ---------------------------------------------------------------- take and return
-
-TEST(HistoryCache, TakenSlotStaysInTheMapButLeavesCountAndPositions) {
+TEST(HistoryCache, TakenSlotLeavesCountAndPositionsButStaysHeldUntilReturned) {
     LogRecorder logs;
     HistoryCache cache(3);
     for (uint32_t i = 1; i <= 3; ++i) cache.AddChange(MakeChange(i));
     CacheChange* pTaken = cache.takeChange(Sn(2));
     ASSERT_NE(nullptr, pTaken);
-    EXPECT_EQ(2u, cache.GetChangeCount());
-    EXPECT_TRUE(cache.IsFull());  // the slot is still held
-    EXPECT_EQ(nullptr, cache.GetChange(Sn(2)));
-    EXPECT_EQ(Sn(3), cache.GetSeqNumAt(1));
-    EXPECT_EQ(SEQUENCENUMBER_UNKNOWN, cache.GetSeqNumAt(2));
+    EXPECT_EQ(std::make_tuple(2u, true, (CacheChange*)nullptr, Sn(3), SEQUENCENUMBER_UNKNOWN),
+              std::make_tuple(cache.GetChangeCount(), cache.IsFull(), cache.GetChange(Sn(2)),
+                              cache.GetSeqNumAt(1), cache.GetSeqNumAt(2)));
     EXPECT_EQ(nullptr, cache.takeChange(Sn(2)));  // a second take answers null quietly
     EXPECT_TRUE(logs.Entries().empty());
-
     EXPECT_EQ(0, cache.returnChange(pTaken));
-    EXPECT_EQ(3u, cache.GetChangeCount());
-    EXPECT_EQ(pTaken, cache.GetChange(Sn(2)));
-    EXPECT_EQ(Sn(2), cache.GetSeqNumAt(1));
-}
+    EXPECT_EQ(std::make_tuple(3u, pTaken, Sn(2)),
+              std::make_tuple(cache.GetChangeCount(), cache.GetChange(Sn(2)), cache.GetSeqNumAt(1)));
 
-TEST(HistoryCache, RemovingATakenChangeErasesTheSlotAndReturnDeletesTheRecord) {
-    HistoryCache cache(2);
-    cache.AddChange(MakeChange(1));
-    cache.AddChange(MakeChange(2));
-    CacheChange* pTaken = cache.takeChange(Sn(1));
-    ASSERT_NE(nullptr, pTaken);
+    // Removing a taken change frees its slot; its return then deletes the record, not the payload.
+    pTaken = cache.takeChange(Sn(1));
     octet* pPayload = pTaken->data;
     EXPECT_EQ(0, cache.RemoveChange(Sn(1)));
-    EXPECT_EQ(1u, cache.GetChangeCount());  // the taken change was not counted any more
-    EXPECT_FALSE(cache.IsFull());
+    EXPECT_EQ(std::make_tuple(2u, false), std::make_tuple(cache.GetChangeCount(), cache.IsFull()));
     EXPECT_EQ(0, cache.returnChange(pTaken));
-    EXPECT_EQ(1u, cache.GetChangeCount());
-    EXPECT_EQ(Sn(2), cache.GetSeqNumMin());
-    CacheChange::FreeData(pPayload);  // the record is gone, the payload left alone: this is the only free
+    EXPECT_EQ(std::make_tuple(2u, Sn(2)), std::make_tuple(cache.GetChangeCount(), cache.GetSeqNumMin()));
+    CacheChange::FreeData(pPayload);  // the only free of it
 }
 
-// ---------------------------------------------------------------- lifespan
-
-TEST(HistoryCache_lifespan, ExpiresOnlyOnceTheTimeIsBeyondStampPlusLifespan) {
-    struct Case {
-        Time_t stamp, lifespan, now;
-        bool bKept;
+TEST_F(HistoryCache_lifespan, ExpiresOnlyPastStampPlusLifespanAndSparesTakenSlots) {
+    // Source timestamp, lifespan, time of the sweep, and changes kept.
+    const std::tuple<Time_t, Time_t, Time_t, uint32_t> aCases[] = {
+        {Time_t(100, 900000000), Time_t(0, 200000000), Time_t(101, 100000000), 1},  // at the expiry
+        {Time_t(100, 900000000), Time_t(0, 200000000), Time_t(101, 100000001), 0},
+        {Time_t(0, 0), DURATION_INFINITE, Time_t(0x7FFFFFF0, 0), 1},
+        {Time_t(1700000000, 0), Time_t(0x7FFFFFFF, 0), Time_t(1700000001, 0), 1},  // no wrap into the past
     };
-    const Case aCases[] = {
-        {Time_t(100, 900000000), Time_t(0, 200000000), Time_t(101, 100000000), true},  // at the expiry
-        {Time_t(100, 900000000), Time_t(0, 200000000), Time_t(101, 100000001), false},
-        {Time_t(0, 0), DURATION_INFINITE, Time_t(0x7FFFFFF0, 0), true},
-        {Time_t(1700000000, 0), Time_t(0x7FFFFFFF, 0), Time_t(1700000001, 0), true},  // no wrap into the past
-    };
-    HistoryCache::SetTimeSource(&FakeNow);
-    for (const Case& c : aCases) {
-        SCOPED_TRACE(c.now.sec);
+    FakeNow();
+    for (const auto& [stamp, lifespan, now, uiKept] : aCases) {
         HistoryCache cache(4);
-        CacheChange* pChange = MakeChange(1);
-        pChange->sourceTimestamp = c.stamp;
-        pChange->lifespan = c.lifespan;
-        cache.AddChange(pChange);
-        g_Now = c.now;
+        cache.AddChange(Stamped(1, stamp, lifespan));
+        s_Now = now;
         cache.RemoveExpiredChanges();
-        EXPECT_EQ(c.bKept ? 1u : 0u, cache.GetChangeCount());
+        EXPECT_EQ(uiKept, cache.GetChangeCount()) << now.sec;
     }
-    HistoryCache::SetTimeSource(nullptr);
-}
 
-TEST(HistoryCache_lifespan, TakenSlotsWaitAndASweepReleasesABlockedAdd) {
-    HistoryCache::SetTimeSource(&FakeNow);
-    g_Now = Time_t(5, 0);
+    // A sweep passes taken slots over, and what it frees lets a blocked add through.
+    s_Now = Time_t(5, 0);
     HistoryCache* pCache = new HistoryCache(2);
-    for (uint32_t i = 1; i <= 2; ++i) {
-        CacheChange* pOld = MakeChange(i);
-        pOld->sourceTimestamp = Time_t(1, 0);
-        pOld->lifespan = Time_t(1, 0);
-        pCache->AddChange(pOld);
-    }
+    for (uint32_t i = 1; i <= 2; ++i) pCache->AddChange(Stamped(i, Time_t(1, 0), Time_t(1, 0)));
     CacheChange* pTaken = pCache->takeChange(Sn(1));
-    AsyncAdd add(pCache, MakeChange(3));
+    AsyncAdd add(pCache, 3);
     ASSERT_TRUE(add.Blocked());
-
-    g_Now = Time_t(20, 0);
+    s_Now = Time_t(20, 0);
     pCache->RemoveExpiredChanges();
     ASSERT_TRUE(add.Finishes());
-    EXPECT_EQ(Sn(1), pCache->GetSeqNumMin());  // the taken slot was not swept
-    EXPECT_EQ(1u, pCache->GetChangeCount());
-    // Back in its slot, the expired change goes with the next sweep.
+    EXPECT_EQ(std::make_tuple(Sn(1), 1u), std::make_tuple(pCache->GetSeqNumMin(), pCache->GetChangeCount()));
+    // Back in its slot, the expired change goes with the next sweep; its holder may still read it.
     pCache->returnChange(pTaken);
     pCache->RemoveExpiredChanges();
-    EXPECT_EQ(Sn(3), pCache->GetSeqNumMin());
-    // A holder of the pointer may still read a swept record.
-    EXPECT_EQ(Sn(1), pTaken->sequenceNumber);
+    EXPECT_EQ(std::make_tuple(Sn(3), Sn(1)), std::make_tuple(pCache->GetSeqNumMin(), pTaken->sequenceNumber));
     delete pCache;
-    HistoryCache::SetTimeSource(nullptr);
 }
