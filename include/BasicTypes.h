@@ -9,7 +9,7 @@
 #include <cstring>
 
 typedef unsigned char octet;
-typedef int32_t ReturnCode_t;  // 32 bits, as on the reference platform
+typedef int32_t ReturnCode_t;  // 32 bits on every platform the library builds for
 typedef unsigned long StatusMask;
 
 // ---------------------------------------------------------------- return codes

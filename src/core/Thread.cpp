@@ -13,13 +13,11 @@ struct ThreadHandle {
 };
 
 namespace {
-// The sizes callers ask for are commit sizes on the platform this library
-// came from, where each thread still reserves the executable's default of
-// 1 MiB. The protocol threads keep 64 KiB datagram buffers and deep decode
-// calls on their stacks, so a 10240-octet stack here would overflow: never
-// go below the 1 MiB those threads effectively had. The C library carves the
-// static thread-local storage out of the same region (under a thread checker
-// that alone is some 800 KiB), hence the second MiB of headroom.
+// Callers ask for stack sizes as small as 10240 octets, which they mean as a commit size on
+// top of a larger reservation. The protocol threads keep 64 KiB datagram buffers and deep
+// decode calls on their stacks, so never go below 1 MiB. The C library carves the static
+// thread-local storage out of the same region (under a thread checker that alone is some
+// 800 KiB), hence the second MiB of headroom.
 const size_t kMinimumStack = 0x200000;
 
 struct StartBlock {

@@ -4,6 +4,7 @@
 // guards the endpoint map and is a leaf: no endpoint code runs under it.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -175,6 +176,10 @@ private:
     void insertEndpoint(Endpoint* pEndpoint);
     // *pbExists (when given) turns false when the id is not in the map.
     Endpoint* borrow(const EntityId_t& entityId, BorrowMode mode, bool* pbExists = nullptr);
+    // One wait for a return (at most 100 ms), logging once when the wait since start has
+    // passed BORROW_WAIT_LOG_MS.
+    void waitForReturn(std::unique_lock<std::mutex>& lock, const std::chrono::steady_clock::time_point& start,
+                       bool& bLogged, const char* szOperation);
     // Waits until no thread holds the id, then erases it; false if it was not there (or is
     // held by the calling thread, which would wait for itself). Deletion happens after,
     // outside the lock.

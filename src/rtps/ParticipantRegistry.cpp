@@ -60,14 +60,7 @@ Endpoint* Participant::borrow(const EntityId_t& entityId, BorrowMode mode, bool*
             return nullptr;
         }
         // Only one thread holds an endpoint at a time; the others wait to be woken by its return.
-        m_EndpointReturned.wait_for(lock, std::chrono::milliseconds(100));
-        if (!bWaitLogged &&
-            std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(BORROW_WAIT_LOG_MS)) {
-            bWaitLogged = true;
-            lock.unlock();
-            LogText("[Participant::takeEndpoint] Waited %d ms for a borrowed endpoint", BORROW_WAIT_LOG_MS);
-            lock.lock();
-        }
+        waitForReturn(lock, start, bWaitLogged, "takeEndpoint");
     }
 }
 
@@ -123,6 +116,19 @@ StatefulReader* Participant::lookupMatchedReader(GUID_t remoteWriter) {
     return pReader;
 }
 
+void Participant::waitForReturn(std::unique_lock<std::mutex>& lock,
+                                const std::chrono::steady_clock::time_point& start, bool& bLogged,
+                                const char* szOperation) {
+    // Only one thread holds an endpoint at a time; the others wait to be woken by its return.
+    m_EndpointReturned.wait_for(lock, std::chrono::milliseconds(100));
+    if (bLogged || std::chrono::steady_clock::now() - start < std::chrono::milliseconds(BORROW_WAIT_LOG_MS))
+        return;
+    bLogged = true;
+    lock.unlock();
+    LogText("[Participant::%s] Waited %d ms for a borrowed endpoint", szOperation, BORROW_WAIT_LOG_MS);
+    lock.lock();
+}
+
 // ------------------------------------------------------------------ deletion
 
 bool Participant::eraseWhenReturned(Endpoint* pEndpoint, const char* szOperation) {
@@ -147,15 +153,7 @@ bool Participant::eraseWhenReturned(Endpoint* pEndpoint, const char* szOperation
             LogText("[Participant::%s] Borrowed by the deleting thread and kept", szOperation);
             return false;
         }
-        m_EndpointReturned.wait_for(lock, std::chrono::milliseconds(100));
-        if (!bWaitLogged &&
-            std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(BORROW_WAIT_LOG_MS)) {
-            bWaitLogged = true;
-            lock.unlock();
-            LogText("[Participant::%s] Waited %d ms for a borrowed endpoint", szOperation,
-                    BORROW_WAIT_LOG_MS);
-            lock.lock();
-        }
+        waitForReturn(lock, start, bWaitLogged, szOperation);
     }
 }
 
