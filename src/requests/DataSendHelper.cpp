@@ -123,7 +123,8 @@ bool DataSendHelper::ComposeFrontOrFail(const Route& route, uint32_t& uiMessageL
 EndpointLoan DataSendHelper::BorrowWriterOrFail(const Route& route, const EntityId_t& writerId,
                                                 const char* szFailed, bool (*accept)(const Writer*)) {
     EndpointLoan writer = BorrowWriter(route.pProcessor, writerId);
-    const Writer* pWriter = writer.as<Writer>();
+    // BorrowWriter hands out writers only: no second class test per sample.
+    const Writer* pWriter = static_cast<const Writer*>(writer.get());
     if (pWriter != nullptr && (accept == nullptr || accept(pWriter))) return writer;
     // Gone before or during the wait, or not of the kind asked for.
     writer.Return();
